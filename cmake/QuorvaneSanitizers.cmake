@@ -1,0 +1,6 @@
+# AddressSanitizer + UndefinedBehaviorSanitizer for every target when QUORVANE_SANITIZE is on.
+if(QUORVANE_SANITIZE)
+  add_compile_options(-fsanitize=address,undefined -fno-omit-frame-pointer
+                      -fno-sanitize-recover=undefined)
+  add_link_options(-fsanitize=address,undefined)
+endif()

@@ -1,0 +1,4 @@
+// Error codes of the basic suite.
+#pragma once
+
+#define kSPNoError 0
