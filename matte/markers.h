@@ -8,3 +8,20 @@
 // Red plane of the red mask.
 constexpr A_u_short kRedOpen = 32768;  // transparent enough to belong to a hole
 constexpr A_u_short kRedSolid = 0;     // counts as solid
+
+// Blue plane: a blob the flood fill removed because its colour was out of range (or any
+// removed blob in the render's calls).
+constexpr A_u_short kBlueRemovedBlob = 20000;
+
+// Green plane of the red mask after classification and smart extend: region codes.
+constexpr A_u_short kClassKept = 8192;       // a kept solid pixel ("Show color info " only)
+constexpr A_u_short kClassFilled = 16384;    // a removed (filled) region
+constexpr A_u_short kClassExtended = 24576;  // a thin solid area smart extend removed too
+
+// Alpha of a classification pixel smart extend has visited.
+constexpr A_u_short kClassVisited = 32767;
+
+// Alpha written by the pre-clean into removed pixels when "Show color info " is chosen, and
+// by the classification into filled pixels, so the view can tell them apart.
+constexpr A_u_short kAlphaPreCleaned = 1;
+constexpr A_u_short kAlphaFilledInfo = 2;
