@@ -1,0 +1,245 @@
+#include "matte/red_mask.h"
+
+#include <memory>
+
+#include <gtest/gtest.h>
+
+#include "tests/support/worlds.h"
+
+using qtest::fromArt;
+using qtest::kAlpha;
+using qtest::kBlue;
+using qtest::kGreen;
+using qtest::kRed;
+using qtest::OwnedWorld;
+
+namespace {
+
+std::unique_ptr<FillLimitsArray>
+staleLimits() {
+    auto limits = std::make_unique<FillLimitsArray>();
+    for (int y = 0; y < FILL_LIMITS_MAX_ROWS; ++y) {
+        limits->left[y] = 7;
+        limits->right[y] = 7;
+    }
+    limits->firstRow = limits->lastRow = 7;
+    return limits;
+}
+
+}  // namespace
+
+TEST(FillLimits, rows_bounded_by_first_and_last_present_columns) {
+    OwnedWorld alpha = fromArt({
+        "......",  // empty
+        "#.....",  // only x = 0: counts as empty
+        "..#.#.",
+        "#....#",
+        "......",
+    });
+    auto limits = staleLimits();
+    populateAndInitialise_FillLimitsFromIncomingAlpha(alpha, limits.get(), 20000);
+
+    EXPECT_EQ(limits->left[0], 0);
+    EXPECT_EQ(limits->right[0], 0);
+    EXPECT_EQ(limits->left[1], 0);
+    EXPECT_EQ(limits->right[1], 0);
+    EXPECT_EQ(limits->left[2], 2);
+    EXPECT_EQ(limits->right[2], 4);
+    EXPECT_EQ(limits->left[3], 0);
+    EXPECT_EQ(limits->right[3], 5);
+    EXPECT_EQ(limits->firstRow, 2);
+    EXPECT_EQ(limits->lastRow, 3);
+    // Rows past the frame are cleared too, not left stale.
+    EXPECT_EQ(limits->left[5], 0);
+    EXPECT_EQ(limits->right[FILL_LIMITS_MAX_ROWS - 1], 0);
+
+    // The x = 0-only row still records its left; it just does not count as content.
+    OwnedWorld edgeOnly = fromArt({"......", ".#....", "#.....", "......"});
+    populateAndInitialise_FillLimitsFromIncomingAlpha(edgeOnly, limits.get(), 20000);
+    EXPECT_EQ(limits->firstRow, 1);
+    EXPECT_EQ(limits->lastRow, 1);
+    EXPECT_EQ(limits->left[1], 1);
+    EXPECT_EQ(limits->right[1], 1);
+}
+
+TEST(FillLimits, presence_level_is_the_threshold_capped_at_ten) {
+    OwnedWorld alpha(6, 3);
+    alpha.fill({0, 0, 0, 0});
+    alpha.set(kAlpha, 1, 0, 9);
+    alpha.set(kAlpha, 2, 0, 10);
+    alpha.set(kAlpha, 3, 1, 4);
+    alpha.set(kAlpha, 4, 1, 5);
+    auto limits = staleLimits();
+
+    // A threshold of 10 or more gives level 10: 9 is absent, 10 present, equality counts.
+    populateAndInitialise_FillLimitsFromIncomingAlpha(alpha, limits.get(), 32768);
+    EXPECT_EQ(limits->left[0], 2);
+    EXPECT_EQ(limits->right[0], 2);
+    EXPECT_EQ(limits->right[1], 0);
+    EXPECT_EQ(limits->firstRow, 0);
+    EXPECT_EQ(limits->lastRow, 0);
+
+    // A threshold of 5 is the level itself.
+    populateAndInitialise_FillLimitsFromIncomingAlpha(alpha, limits.get(), 5);
+    EXPECT_EQ(limits->left[0], 1);
+    EXPECT_EQ(limits->right[0], 2);
+    EXPECT_EQ(limits->left[1], 4);
+    EXPECT_EQ(limits->right[1], 4);
+    EXPECT_EQ(limits->lastRow, 1);
+}
+
+TEST(FillLimits, empty_frame_covers_every_row) {
+    OwnedWorld alpha(5, 4);
+    alpha.fill({9, 32768, 32768, 32768});  // below the presence level everywhere
+    auto limits = staleLimits();
+    populateAndInitialise_FillLimitsFromIncomingAlpha(alpha, limits.get(), 20000);
+    EXPECT_EQ(limits->firstRow, 0);
+    EXPECT_EQ(limits->lastRow, 3);
+    for (int y = 0; y < 4; ++y) {
+        EXPECT_EQ(limits->left[y], 0);
+        EXPECT_EQ(limits->right[y], 0);
+    }
+}
+
+TEST(FillLimits, frame_taller_than_the_table_writes_nothing_past_it) {
+    struct Guarded {
+        FillLimitsArray limits;
+        int32_t guard[64];
+    };
+    auto guarded = std::make_unique<Guarded>();
+    for (int32_t& g : guarded->guard) g = 0x5A5A5A5A;
+
+    OwnedWorld alpha(3, FILL_LIMITS_MAX_ROWS + 40, true, 1);
+    alpha.fill({0, 0, 0, 0});
+    for (int y = 0; y < alpha.height(); ++y) {
+        alpha.set(kAlpha, 0, y, 32768);
+        alpha.set(kAlpha, 2, y, 32768);
+    }
+    populateAndInitialise_FillLimitsFromIncomingAlpha(alpha, &guarded->limits, 20000);
+
+    EXPECT_EQ(guarded->limits.firstRow, 0);
+    EXPECT_EQ(guarded->limits.lastRow, FILL_LIMITS_MAX_ROWS - 1);
+    // A row past the table would land its left (0) in the start of `right`.
+    for (int y = 0; y < 40; ++y) EXPECT_EQ(guarded->limits.right[y], 2) << y;
+    for (int32_t g : guarded->guard) EXPECT_EQ(g, 0x5A5A5A5A);
+}
+
+TEST(AlphaCopies, copy_alpha_only_inside_the_given_size) {
+    OwnedWorld from(4, 3);
+    from.fill({0, 11, 12, 13});
+    const uint16_t alphas[] = {0, 1, 2, 3, 4, 5, 32768, 100};
+    for (int i = 0; i < 8; ++i) from.set(kAlpha, i % 4, i / 4, alphas[i]);
+    from.set(kAlpha, 3, 2, 777);  // outside the copied 3 x 2 area in the second step
+
+    OwnedWorld plain(4, 3);
+    plain.fill({50, 1, 2, 3});
+    copyAlphasFromWorldToWorld(from, plain, 4, 3);
+    for (int i = 0; i < 8; ++i) EXPECT_EQ(plain.get(kAlpha, i % 4, i / 4), alphas[i]) << i;
+    EXPECT_EQ(plain.at(0, 0).red, 1);
+    EXPECT_EQ(plain.at(0, 0).green, 2);
+    EXPECT_EQ(plain.at(0, 0).blue, 3);
+
+    // Alphas 1..4 become 0; 0 and 5 and above are copied unchanged; only 3 x 2 is visited.
+    OwnedWorld zeroed(4, 3);
+    zeroed.fill({50, 1, 2, 3});
+    copyAlphasFromWorldToWorldZeroing1to4ForFlags(from, zeroed, 3, 2);
+    const uint16_t expected[] = {0, 0, 0, 50, 0, 5, 32768, 50};
+    for (int i = 0; i < 8; ++i) EXPECT_EQ(zeroed.get(kAlpha, i % 4, i / 4), expected[i]) << i;
+    EXPECT_EQ(zeroed.get(kAlpha, 3, 2), 50);
+    EXPECT_EQ(zeroed.at(1, 1).red, 1);
+    EXPECT_TRUE(zeroed.paddingIntact());
+}
+
+TEST(RedMaskCopies, threshold_solid_marks_equal_alpha_solid_and_sets_every_channel) {
+    const uint16_t threshold = 20000;
+    OwnedWorld alpha(4, 2);
+    alpha.fill({0, 0, 0, 0});
+    alpha.set(kAlpha, 0, 0, threshold - 1);
+    alpha.set(kAlpha, 1, 0, threshold);
+    alpha.set(kAlpha, 2, 0, 32768);
+    alpha.set(kAlpha, 3, 0, 32768);  // column 3 lies past xMax
+
+    OwnedWorld mask(4, 2);
+    mask.fill({5, 6, 32768, 8});  // stale markers everywhere
+    copyAlphaWorldToRedInRedMaskThresholdSolid(mask, alpha, nullptr, threshold, nullptr, 2, 0);
+
+    const PF_Pixel16 open = {32768, 32768, 0, 0};
+    const PF_Pixel16 solid = {32768, 0, 0, 0};
+    const PF_Pixel16 untouched = {5, 6, 32768, 8};
+    auto same = [](PF_Pixel16 a, PF_Pixel16 b) {
+        return a.alpha == b.alpha && a.red == b.red && a.green == b.green && a.blue == b.blue;
+    };
+    EXPECT_TRUE(same(mask.at(0, 0), open));
+    EXPECT_TRUE(same(mask.at(1, 0), solid));
+    EXPECT_TRUE(same(mask.at(2, 0), solid));
+    EXPECT_TRUE(same(mask.at(3, 0), untouched));  // x > xMax
+    EXPECT_TRUE(same(mask.at(0, 1), untouched));  // y > yMax
+}
+
+TEST(RedMaskCopies, clear_to_black_opens_the_band_below_the_high_threshold) {
+    OwnedWorld alpha(5, 1);
+    const uint16_t alphas[] = {0, 99, 100, 19999, 20000};
+    for (int x = 0; x < 5; ++x) alpha.set(kAlpha, x, 0, alphas[x]);
+
+    OwnedWorld mask(5, 1);
+    mask.fill({32768, 6, 32768, 20000});
+    // The render's low threshold of 0: every alpha below the high one opens.
+    clearToBlackThenCopyAlphaWorldToRedInRedMask(mask, alpha, nullptr, 20000, 0, nullptr, 4, 0);
+    EXPECT_EQ(qtest::toArt(mask, kRed), "####.\n");
+    for (qtest::Channel c : {kAlpha, kGreen, kBlue}) EXPECT_EQ(qtest::toArt(mask, c), ".....\n");
+
+    // A low threshold above 0 closes the band from below (equality opens).
+    mask.fill({32768, 6, 32768, 20000});
+    clearToBlackThenCopyAlphaWorldToRedInRedMask(mask, alpha, nullptr, 20000, 100, nullptr, 4, 0);
+    EXPECT_EQ(qtest::toArt(mask, kRed), "..##.\n");
+    EXPECT_EQ(qtest::toArt(mask, kAlpha), ".....\n");
+}
+
+TEST(EdgePatchUp, copies_inner_columns_outward_left_then_right) {
+    const uint16_t threshold = 1000;
+    // Wide frame: row 0 patched on both sides, row 1 only on the right, row 2 left alone.
+    OwnedWorld alpha = fromArt({"#...#", "....#", "5...."});
+    OwnedWorld mask(5, 3);
+    for (int y = 0; y < 3; ++y) {
+        for (int x = 0; x < 5; ++x) {
+            mask.at(x, y) = {uint16_t(x), uint16_t(y), uint16_t(10 + x), uint16_t(20 + x)};
+        }
+    }
+    OwnedWorld before = mask;
+    patchUpRedMaskBlueLeftRightEdgesFromFloodBug(alpha, mask, 4, 2, threshold);
+
+    EXPECT_EQ(mask.at(0, 0).blue, 21);
+    EXPECT_EQ(mask.at(0, 0).alpha, 1);
+    EXPECT_EQ(mask.at(4, 0).blue, 23);
+    EXPECT_EQ(mask.at(4, 0).green, 13);
+    EXPECT_EQ(mask.at(0, 1).blue, 20);
+    EXPECT_EQ(mask.at(4, 1).blue, 23);
+    // Row 2: a partial alpha at or above the threshold patches; alpha 0 on the right does not.
+    EXPECT_EQ(mask.at(0, 2).blue, 21);
+    EXPECT_EQ(mask.at(4, 2).blue, 24);
+    for (int y = 0; y < 3; ++y)
+        for (int x = 1; x < 4; ++x) EXPECT_EQ(mask.at(x, y).blue, before.at(x, y).blue);
+
+    // Alpha exactly at the threshold patches; one below does not.
+    OwnedWorld edge(3, 2);
+    edge.fill({0, 0, 0, 0});
+    edge.set(kAlpha, 0, 0, threshold);
+    edge.set(kAlpha, 0, 1, threshold - 1);
+    OwnedWorld edgeMask(3, 2);
+    edgeMask.fill({0, 0, 0, 0});
+    edgeMask.set(kBlue, 1, 0, 77);
+    edgeMask.set(kBlue, 1, 1, 77);
+    patchUpRedMaskBlueLeftRightEdgesFromFloodBug(edge, edgeMask, 2, 1, threshold);
+    EXPECT_EQ(edgeMask.get(kBlue, 0, 0), 77);
+    EXPECT_EQ(edgeMask.get(kBlue, 0, 1), 0);
+
+    // Two columns: the right copy reads the pixel the left copy just wrote.
+    OwnedWorld narrow = fromArt({"##"});
+    OwnedWorld narrowMask(2, 1);
+    narrowMask.at(0, 0) = {1, 1, 1, 100};
+    narrowMask.at(1, 0) = {2, 2, 2, 200};
+    patchUpRedMaskBlueLeftRightEdgesFromFloodBug(narrow, narrowMask, 1, 0, threshold);
+    EXPECT_EQ(narrowMask.at(0, 0).blue, 200);
+    EXPECT_EQ(narrowMask.at(1, 0).blue, 200);
+    EXPECT_EQ(narrowMask.at(1, 0).alpha, 2);
+}
