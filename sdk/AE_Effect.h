@@ -3,7 +3,9 @@
 #pragma once
 
 #include "A.h"
-#include "SPBasic.h"
+
+// The basic suite is declared in SPBasic.h; this header only refers to it.
+struct SPBasicSuite;
 
 #ifdef __cplusplus
 extern "C" {
