@@ -25,3 +25,14 @@ constexpr A_u_short kClassVisited = 32767;
 // by the classification into filled pixels, so the view can tell them apart.
 constexpr A_u_short kAlphaPreCleaned = 1;
 constexpr A_u_short kAlphaFilledInfo = 2;
+
+// Flood fill: region labels in the red plane while a fill runs (record N is labelled N * 32).
+constexpr A_u_short kRedFirstLabel = 32;     // record 1
+constexpr A_u_short kRedLastLabel = 19168;   // record 599, shared by every later region
+// Blue verdicts of a region (besides kBlueRemovedBlob).
+constexpr A_u_short kBlueKeptRegion = 32768;  // kept, or changed for being thin
+constexpr A_u_short kBlueDarkRegion = 10000;  // changed for being dark
+// Green plane of the red mask around user guard markers.
+constexpr A_u_short kGreenGuardMarker = 32768;  // a guard marker; a zone is drawn round it
+constexpr A_u_short kGreenGuardZone = 32766;    // inside a guard zone
+constexpr A_u_short kGreenGuardEnd = 32767;     // the value the span-end guard count tests
