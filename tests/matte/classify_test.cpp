@@ -1,0 +1,170 @@
+#include "matte/classify.h"
+
+#include <algorithm>
+#include <random>
+
+#include <gtest/gtest.h>
+
+#include "image/pixels.h"
+#include "matte/markers.h"
+#include "tests/support/worlds.h"
+
+using namespace qtest;
+
+namespace {
+
+constexpr PF_Pixel16 kSolid{32768, 0, 0, 32768};
+constexpr PF_Pixel16 kFilled{32768, 0, 16384, 0};
+constexpr PF_Pixel16 kExtended{32768, 0, 24576, 0};
+
+FillLimitsArray
+wholeFrame(int width, int height)
+{
+    FillLimitsArray limits{};
+    limits.firstRow = 0;
+    limits.lastRow = height - 1;
+    for (int y = 0; y < height; ++y) {
+        limits.left[y] = 0;
+        limits.right[y] = width - 1;
+    }
+    return limits;
+}
+
+// The literal smart extend: every count walks its clamped square.
+void
+plainSmartExtend(OwnedWorld& cls, OwnedWorld& mask, const FillLimitsArray& limits, int se)
+{
+    const int xMax = cls.width() - 1, yMax = cls.height() - 1;
+    const int n = se * se * 3;
+    for (int y = limits.firstRow; y <= limits.lastRow; ++y)
+        for (int x = limits.left[y]; x <= limits.right[y]; ++x) {
+            if (cls.at(x, y).green == 16384) {
+                for (int qy = std::max(0, y - se); qy <= std::min(yMax, y + se); ++qy)
+                    for (int qx = std::max(0, x - se); qx <= std::min(xMax, x + se); ++qx) {
+                        PF_Pixel16& q = cls.at(qx, qy);
+                        if (q.alpha != 32768 || q.blue != 32768) continue;
+                        int count = 0;
+                        for (int ry = std::max(0, qy - se); ry <= std::min(yMax, qy + se); ++ry)
+                            for (int rx = std::max(0, qx - se); rx <= std::min(xMax, qx + se); ++rx)
+                                count += cls.at(rx, ry).blue == 32768;
+                        mask.at(qx, qy) = count < n ? kExtended : q;
+                        q.alpha = 32767;
+                    }
+                mask.at(x, y) = kFilled;
+            } else if (cls.at(x, y).alpha == 32768) {
+                mask.at(x, y) = cls.at(x, y);
+            }
+        }
+}
+
+}  // namespace
+
+TEST(Classification, SortsTheRedMaskByTheFirstMatchingRule)
+{
+    // Red-mask pixels: filled, open, kept solid, something else.
+    OwnedWorld mask(4, 1);
+    mask.at(0, 0) = {32768, 32768, 0, 20000};
+    mask.at(1, 0) = {32768, 32768, 0, 0};
+    mask.at(2, 0) = {32768, 0, 0, 32768};
+    mask.at(3, 0) = {32768, 19168, 0, 5};
+    OwnedWorld alpha(4, 1);
+    alpha.fill({100, 0, 0, 0});
+    OwnedWorld cls(4, 1);
+    cls.fill({9, 9, 9, 9});
+    FillLimitsArray limits = wholeFrame(4, 1);
+
+    classifyRedMask(cls, mask, alpha, &limits, false, false, 0.0f, 1);
+    EXPECT_EQ(cls.at(0, 0).green, 16384);
+    EXPECT_EQ(cls.at(1, 0).alpha, 0);  // open without a colour range: transparent black
+    EXPECT_EQ(cls.at(2, 0).blue, 32768);
+    EXPECT_EQ(cls.at(3, 0).alpha, 0);
+    EXPECT_EQ(alpha.at(0, 0).alpha, 100);
+
+    // With a colour range an open pixel keeps its own red-mask pixel below edgeThreshold.
+    classifyRedMask(cls, mask, alpha, &limits, false, false, 500.0f, 200);
+    EXPECT_EQ(cls.at(1, 0).red, 32768);
+    classifyRedMask(cls, mask, alpha, &limits, false, false, 500.0f, 100);
+    EXPECT_EQ(cls.at(1, 0).blue, 32768);  // at the threshold: solid
+
+    // "Show color info ": filled pixels mark the alpha world with 2, kept solids get 8192.
+    classifyRedMask(cls, mask, alpha, &limits, false, true, 0.0f, 1);
+    EXPECT_EQ(alpha.at(0, 0).alpha, 2);
+    EXPECT_EQ(cls.at(2, 0).green, 8192);
+
+    // "NO ": only the alpha against edgeThreshold counts.
+    alpha.at(1, 0).alpha = 0;
+    classifyRedMask(cls, mask, alpha, &limits, true, false, 0.0f, 1);
+    EXPECT_EQ(cls.at(1, 0).alpha, 0);
+    EXPECT_EQ(cls.at(0, 0).blue, 32768);
+}
+
+TEST(Classification, OutsideTheLimitsEverythingIsTransparentBlack)
+{
+    OwnedWorld mask(3, 3);
+    mask.fill({32768, 0, 0, 32768});
+    OwnedWorld alpha(3, 3);
+    OwnedWorld cls(3, 3);
+    cls.fill({1, 1, 1, 1});
+    FillLimitsArray limits{};
+    limits.firstRow = 1;
+    limits.lastRow = 1;
+    limits.left[1] = 1;
+    limits.right[1] = 1;
+    classifyRedMask(cls, mask, alpha, &limits, false, false, 0.0f, 1);
+    for (int y = 0; y < 3; ++y)
+        for (int x = 0; x < 3; ++x)
+            EXPECT_EQ(cls.at(x, y).blue, (x == 1 && y == 1) ? 32768 : 0) << x << "," << y;
+}
+
+TEST(SmartExtend, ThinSolidNextToARemovalGoesWithItThickStays)
+{
+    // A filled region at the left, a one-pixel solid line leaving it, and a thick solid block.
+    OwnedWorld cls(12, 9);
+    for (int y = 0; y < 9; ++y)
+        for (int x = 0; x < 3; ++x) cls.at(x, y) = kFilled;
+    for (int x = 3; x < 6; ++x) cls.at(x, 1) = kSolid;  // thin line
+    for (int y = 4; y < 9; ++y)
+        for (int x = 3; x < 12; ++x) cls.at(x, y) = kSolid;  // thick block
+    OwnedWorld mask(12, 9);
+    OwnedWorld scratch(12, 9);
+    FillLimitsArray limits = wholeFrame(12, 9);
+    smartExtendRemovals(cls, mask, scratch, &limits, 12, 9, 2);
+
+    EXPECT_EQ(mask.at(3, 1).green, 24576);  // thin: extended
+    EXPECT_EQ(mask.at(4, 1).green, 24576);
+    EXPECT_EQ(mask.at(5, 1).green, 0);  // out of reach: keeps its own class
+    EXPECT_EQ(mask.at(5, 1).blue, 32768);
+    EXPECT_EQ(mask.at(4, 6).blue, 32768);  // thick block at the removal's edge stays solid
+    EXPECT_EQ(mask.at(0, 0).green, 16384);
+    EXPECT_EQ(cls.at(3, 1).alpha, 32767);  // visited
+    EXPECT_EQ(cls.at(5, 1).alpha, 32768);
+}
+
+TEST(SmartExtend, MatchesTheLiteralVersionOnRandomClasses)
+{
+    for (uint32_t seed = 1; seed <= 12; ++seed) {
+        std::mt19937 rng(seed);
+        const int width = 9 + static_cast<int>(rng() % 30);
+        const int height = 7 + static_cast<int>(rng() % 25);
+        const int se = static_cast<int>(rng() % 6);
+        OwnedWorld cls(width, height);
+        const PF_Pixel16 kinds[] = {{0, 0, 0, 0}, kSolid, kSolid, kFilled, {32768, 32768, 0, 0}};
+        for (int y = 0; y < height; ++y)
+            for (int x = 0; x < width; ++x) cls.at(x, y) = kinds[rng() % 5];
+        OwnedWorld mask = randomWorld(width, height, seed,
+                                      [](std::mt19937& r, Channel) { return uint16_t(r() % 40000); });
+        FillLimitsArray limits{};
+        limits.firstRow = static_cast<int>(rng() % 3);
+        limits.lastRow = height - 1 - static_cast<int>(rng() % 3);
+        for (int y = 0; y < height; ++y) {
+            limits.left[y] = static_cast<int>(rng() % (width / 2));
+            limits.right[y] = width / 2 + static_cast<int>(rng() % (width / 2));
+        }
+        OwnedWorld expectedCls = cls, expectedMask = mask;
+        plainSmartExtend(expectedCls, expectedMask, limits, se);
+        OwnedWorld scratch(width, height);
+        smartExtendRemovals(cls, mask, scratch, &limits, width, height, se);
+        ASSERT_TRUE(SameWorld(expectedMask, mask)) << "seed " << seed << " se " << se;
+        ASSERT_TRUE(SameWorld(expectedCls, cls)) << "seed " << seed;
+    }
+}

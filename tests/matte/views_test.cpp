@@ -1,0 +1,151 @@
+#include "matte/views.h"
+
+#include <gtest/gtest.h>
+
+#include "tests/support/worlds.h"
+
+using namespace qtest;
+
+namespace {
+
+FillLimitsArray
+columnsOf(int height, int left, int right)
+{
+    FillLimitsArray limits{};
+    limits.firstRow = 0;
+    limits.lastRow = height - 1;
+    for (int y = 0; y < height; ++y) {
+        limits.left[y] = left;
+        limits.right[y] = right;
+    }
+    return limits;
+}
+
+}  // namespace
+
+TEST(ResultComposition, BluePlaneShapesTheCleanedAlpha)
+{
+    OwnedWorld input(5, 1);
+    input.fill({111, 1000, 2000, 3000});
+    OwnedWorld alpha(5, 1);
+    OwnedWorld mask(5, 1);
+    const uint16_t a[] = {32768, 20000, 10000, 777, 555};
+    const uint16_t b[] = {16384, 16384, 16384, 0, 32768};
+    for (int x = 0; x < 5; ++x) {
+        alpha.at(x, 0).alpha = a[x];
+        mask.at(x, 0).blue = b[x];
+    }
+    FillLimitsArray limits = columnsOf(1, 0, 3);  // column 4 lies outside
+    OwnedWorld out(5, 1);
+
+    composeResultFromBluePlane(out, input, alpha, mask, &limits, 5, 1, 0);
+    EXPECT_EQ(out.at(0, 0).alpha, 8192);   // 32768 · ½ · ½: the squared fall-off
+    EXPECT_EQ(out.at(1, 0).alpha, 5000);
+    EXPECT_EQ(out.at(3, 0).alpha, 0);
+    EXPECT_EQ(out.at(4, 0).alpha, 555);    // outside the limits: the cleaned alpha
+    EXPECT_EQ(out.at(2, 0).red, 1000);     // colours are the working input's
+    EXPECT_EQ(out.at(2, 0).blue, 3000);
+
+    composeResultFromBluePlane(out, input, alpha, mask, &limits, 5, 1, 3);
+    EXPECT_EQ(out.at(1, 0).alpha, 20000);  // grown: the larger of b and a
+    EXPECT_EQ(out.at(2, 0).alpha, 16384);
+    mask.at(2, 0).blue = 32768;
+    composeResultFromBluePlane(out, input, alpha, mask, &limits, 5, 1, 3);
+    EXPECT_EQ(out.at(2, 0).alpha, 32768);
+    composeResultFromBluePlane(out, input, alpha, mask, &limits, 5, 1, -1);
+    EXPECT_EQ(out.at(2, 0).alpha, 10000);  // solid blue keeps the cleaned alpha
+
+    showAlphaAsGrey(out, &limits, 5, 1);
+    EXPECT_EQ(out.at(2, 0).red, 10000);
+    EXPECT_EQ(out.at(2, 0).alpha, 32768);
+    EXPECT_EQ(out.at(4, 0).alpha, 32768);  // outside: opaque black
+    EXPECT_EQ(out.at(4, 0).red, 0);
+    EXPECT_TRUE(out.paddingIntact());
+}
+
+TEST(ResultComposition, EmptyLimitsWriteTheCleanedAlphaEverywhere)
+{
+    OwnedWorld input(3, 2);
+    input.fill({1, 2, 3, 4});
+    OwnedWorld alpha(3, 2);
+    alpha.fill({700, 0, 0, 0});
+    OwnedWorld mask(3, 2);
+    FillLimitsArray limits{};
+    limits.firstRow = 2;  // below the last row: nothing inside
+    limits.lastRow = 1;
+    OwnedWorld out(3, 2);
+    composeResultFromBluePlane(out, input, alpha, mask, &limits, 3, 2, 0);
+    EXPECT_EQ(out.at(2, 1).alpha, 700);
+    showAlphaAsGrey(out, &limits, 3, 2);
+    EXPECT_EQ(out.at(2, 1).red, 0);
+    EXPECT_EQ(out.at(2, 1).alpha, 32768);
+}
+
+TEST(ColorInfoView, FirstMatchingRuleColoursEachPixel)
+{
+    OwnedWorld alpha(5, 1);
+    alpha.fill({32768, 100, 200, 300});
+    alpha.at(0, 0).alpha = 1;
+    alpha.at(3, 0).alpha = 0;
+    OwnedWorld mask(5, 1);
+    mask.at(0, 0).green = 16384;  // alpha 1 wins over the region code
+    mask.at(1, 0).green = 24576;
+    mask.at(2, 0).green = 8192;
+    OwnedWorld input(5, 1);
+    input.fill({1000, 1000, 1500, 3000});
+    OwnedWorld out(5, 1);
+    showColorInfo(alpha, mask, input, out, 5, 1);
+
+    EXPECT_EQ(out.at(0, 0).red, 32000);
+    EXPECT_EQ(out.at(0, 0).blue, 20000);
+    EXPECT_EQ(out.at(1, 0).red, 16000);
+    EXPECT_EQ(out.at(2, 0).green, 18000);
+    // Removed matte: green min(5000, 2·(r + g)), blue min(10000, b + 2·o).
+    EXPECT_EQ(out.at(3, 0).green, 5000);
+    EXPECT_EQ(out.at(3, 0).blue, 5000);
+    // Nothing special: the alpha world's colour at full opacity.
+    EXPECT_EQ(out.at(4, 0).alpha, 32768);
+    EXPECT_EQ(out.at(4, 0).green, 200);
+
+    // An 8-bit input is read at its 16-bit equivalents.
+    OwnedWorld input8(5, 1, false);
+    input8.at8(3, 0) = {10, 1, 1, 20};
+    alpha.fill({0, 0, 0, 0});
+    mask.fill({0, 0, 0, 0});
+    showColorInfo(alpha, mask, input8, out, 5, 1);
+    EXPECT_EQ(out.at(3, 0).green, 512);          // 2 · (128 + 128)
+    EXPECT_EQ(out.at(3, 0).blue, 2560 + 2560);   // 20·128 + 2·(10·128)
+    EXPECT_EQ(out.at(4, 0).alpha, 32768);        // input alpha 0: nothing removed
+}
+
+TEST(RedMaskView, MarkersGetABoxAndFourBars)
+{
+    OwnedWorld mask(20, 20);
+    mask.fill({5, 6, 7, 8});
+    FillLimitsArray limits = columnsOf(20, 0, 9);
+    CrossHairsArray hairs{};
+    hairs.centreX[1] = 10;
+    hairs.centreY[1] = 10;
+    hairs.left[1] = 8;
+    hairs.right[1] = 12;
+    hairs.top[1] = 8;
+    hairs.bottom[1] = 12;
+    hairs.radius[1] = 1;
+    OwnedWorld out(20, 20);
+    showRedMaskWithMarkers(out, mask, &limits, &hairs, 20, 20);
+
+    EXPECT_EQ(out.at(0, 0).alpha, 32768);  // inside: the mask with full alpha
+    EXPECT_EQ(out.at(0, 0).red, 6);
+    EXPECT_EQ(out.at(15, 0).green, 10000);  // outside: the fixed colour
+    EXPECT_EQ(out.at(10, 10).red, 0);       // within the radius: untouched
+    EXPECT_EQ(out.at(8, 8).red, 32768);     // beyond the radius inside the box
+    // Never found (count 0): red 37268. Top bar rows 5..7 from column 5; the right bar starts
+    // at row 7 (y0 - 1), the left one at row 5.
+    EXPECT_EQ(out.at(5, 5).red, 37268);
+    EXPECT_EQ(out.at(13, 6).red, 37268);
+    EXPECT_EQ(out.at(13, 7).green, 5000);
+    EXPECT_EQ(out.at(14, 16).green, 5000);
+    EXPECT_EQ(out.at(14, 17).green, 10000);  // the right bar ends a row lower than the left
+    EXPECT_EQ(out.at(5, 15).green, 5000);
+    EXPECT_TRUE(out.paddingIntact());
+}
