@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <type_traits>
 
+#include "AEConfig.h"
 #include "AE_Effect.h"
 
 struct FillLimitsArray;
@@ -54,6 +55,9 @@ struct DividerArray {
 struct GaussBoxes {
     float width[10];
 };
+
+// Marks a scratch pixel of the feather's band (its alpha and red both take this value).
+constexpr A_u_short kFeatherBandMark = 30000;
 
 static_assert(std::is_trivial_v<SegmentArray> && std::is_standard_layout_v<SegmentArray>);
 static_assert(std::is_trivial_v<BFGarray> && std::is_trivial_v<DividerArray>);

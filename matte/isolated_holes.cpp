@@ -1,0 +1,104 @@
+#include "matte/isolated_holes.h"
+
+#include <algorithm>
+
+#include "image/pixels.h"
+#include "matte/red_mask.h"
+
+namespace {
+
+// What one mode cleans. Specks: candidates lie above the threshold, but any alpha above 0
+// keeps them company. Holes: both candidates and company lie below the threshold.
+template <bool kSpecks>
+struct Kind {
+    static bool candidate(A_u_short a, A_u_short threshold) {
+        return kSpecks ? a > threshold : a < threshold;
+    }
+    static int company(A_u_short a, A_u_short threshold) {
+        return (kSpecks ? a > 0 : a < threshold) ? 1 : 0;
+    }
+};
+
+// Writes the marks of row y (10000 or 0) into the scratch alpha for columns left..right.
+// Reads the matte rows above, at and below y, none of which may have been changed yet.
+template <bool kSpecks>
+void
+detectRow(const PF_LayerDef* matte, PF_LayerDef* scratch, A_long y, A_long left, A_long right,
+          A_long lastColumn, A_long lowestRow, A_u_short threshold) {
+    using K = Kind<kSpecks>;
+    const PF_Pixel16* up = row16(matte, std::max<A_long>(y - 1, 0));
+    const PF_Pixel16* here = row16(matte, y);
+    const PF_Pixel16* down = row16(matte, std::min<A_long>(y + 1, lowestRow));
+    PF_Pixel16* marks = row16(scratch, y);
+    for (A_long x = left; x <= right; ++x) {
+        A_u_short mark = 0;
+        if (K::candidate(here[x].alpha, threshold)) {
+            const int count = K::company(here[std::max<A_long>(x - 1, 0)].alpha, threshold) +
+                              K::company(here[std::min(x + 1, lastColumn)].alpha, threshold) +
+                              K::company(up[x].alpha, threshold) +
+                              K::company(down[x].alpha, threshold);
+            if (count < 2) {
+                mark = kIsolatedMark;
+            }
+        }
+        marks[x].alpha = mark;
+    }
+}
+
+// Switches the marked pixels of row y and clears their marks.
+void
+applyRow(PF_LayerDef* matte, PF_LayerDef* scratch, A_long y, A_long left, A_long right,
+         A_u_short newAlpha) {
+    PF_Pixel16* here = row16(matte, y);
+    PF_Pixel16* marks = row16(scratch, y);
+    for (A_long x = left; x <= right; ++x) {
+        if (marks[x].alpha == kIsolatedMark) {
+            here[x].alpha = newAlpha;
+            marks[x].alpha = 0;
+        }
+    }
+}
+
+template <bool kSpecks>
+void
+sweep(PF_LayerDef* matte, PF_LayerDef* scratch, A_long rowBound, A_long width,
+      const FillLimitsArray& limits, A_u_short threshold) {
+    const A_long lastColumn = width - 1;
+    const A_long lastFrameRow = matte->height - 1;
+    // The lower neighbour may not pass rowBound; the render passes the height there, so the
+    // frame's last row is the real bound and a last-row pixel counts itself.
+    const A_long lowestRow = std::min(rowBound, lastFrameRow);
+    const A_long top = std::max<A_long>(limits.firstRow, 0);
+    const A_long bottom = std::min(limits.lastRow, lastFrameRow);
+    const A_u_short newAlpha = kSpecks ? 0 : 32768;
+
+    // Each row is applied only after the row below it has been decided, so every decision
+    // still sees the matte as it was on entry.
+    A_long pending = -1;
+    for (A_long y = top; y <= bottom; ++y) {
+        detectRow<kSpecks>(matte, scratch, y, std::max<A_long>(limits.left[y], 0),
+                           std::min(limits.right[y], lastColumn), lastColumn, lowestRow, threshold);
+        if (pending >= 0) {
+            applyRow(matte, scratch, pending, std::max<A_long>(limits.left[pending], 0),
+                     std::min(limits.right[pending], lastColumn), newAlpha);
+        }
+        pending = y;
+    }
+    if (pending >= 0) {
+        applyRow(matte, scratch, pending, std::max<A_long>(limits.left[pending], 0),
+                 std::min(limits.right[pending], lastColumn), newAlpha);
+    }
+}
+
+}  // namespace
+
+void
+killIsolatedHoles(PF_LayerDef* matte, PF_LayerDef* scratch, int /*lastColumn*/, int rowBound,
+                  int /*lastRow*/, int width, int /*halfWidth*/, bool removeSpecks,
+                  FillLimitsArray* limits, unsigned short threshold) {
+    if (removeSpecks) {
+        sweep<true>(matte, scratch, rowBound, width, *limits, threshold);
+    } else {
+        sweep<false>(matte, scratch, rowBound, width, *limits, threshold);
+    }
+}

@@ -1,0 +1,23 @@
+#pragma once
+
+#include "AEConfig.h"
+#include "AE_Effect.h"
+
+struct FillLimitsArray;
+
+// Scratch alpha of a pixel that is to be switched to the other extreme.
+constexpr A_u_short kIsolatedMark = 10000;
+
+// Switches matte pixels that stand almost alone to the other extreme: a candidate with fewer
+// than two 4-neighbours of its kind becomes 0 (removeSpecks) or 32768 (holes).
+// Reads    matte alpha inside the limits; neighbours may lie outside them (clamped into the
+//          frame: columns 0..width - 1, rows 0..min(rowBound, height - 1))
+// Writes   matte alpha in place; scratch alpha inside the limits as marks, left at 0
+// Order    every decision is taken on the matte as it was on entry; one detection, one apply
+// Quirks   specks: a candidate is above threshold but any alpha above 0 counts as company;
+//          holes: below threshold for both; a clamped neighbour is the pixel itself, so a
+//          corner pixel keeps itself company; lastColumn, lastRow and halfWidth are accepted
+//          and not used
+void killIsolatedHoles(PF_LayerDef* matte, PF_LayerDef* scratch, int lastColumn, int rowBound,
+                       int lastRow, int width, int halfWidth, bool removeSpecks,
+                       FillLimitsArray* limits, unsigned short threshold);
