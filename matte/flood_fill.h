@@ -5,6 +5,7 @@
 
 #include <cstdlib>
 
+#include "AEConfig.h"
 #include "AE_Effect.h"
 #include "matte/colour_range.h"
 #include "matte/red_mask.h"
