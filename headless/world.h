@@ -68,6 +68,11 @@ class World {
     // Where the first foreign write sits ("row 3 padding byte 5", "tail byte 0"); empty when
     // the guards are intact.
     std::string guardReport() const;
+    // Writes the marker back into padding and guards (after a violation has been reported).
+    void resetGuard();
+
+    // A world of the same size and depth holding the same pixels.
+    World clone() const;
 
     // True when the pixel bytes (not the padding) of both worlds are equal; sizes and depths
     // must match too.
