@@ -23,10 +23,11 @@ Plugin::load(const std::string& path) {
     dlerror();
     void* symbol = dlsym(module, "EntryPointFunc");
     if (symbol == nullptr) {
+        // The loader's message may go with the module: copy it first.
         const char* why = dlerror();
+        const std::string reason = why ? why : "symbol is null";
         dlclose(module);
-        throw std::runtime_error("plug-in module " + path +
-                                 " has no EntryPointFunc: " + (why ? why : "symbol is null"));
+        throw std::runtime_error("plug-in module " + path + " has no EntryPointFunc: " + reason);
     }
     return Plugin(reinterpret_cast<EntryPoint>(symbol), module, path);
 }

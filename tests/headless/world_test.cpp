@@ -97,6 +97,14 @@ TEST(HeadlessPlugin, loading_reports_the_path_and_wraps_linked_entry_points) {
     } catch (const std::runtime_error& e) {
         EXPECT_NE(std::string(e.what()).find("/nonexistent/Quorvane.plugin.so"), std::string::npos);
     }
+    try {
+        Plugin::load("libm.so.6");  // loads, but is no plug-in
+        FAIL() << "a module without EntryPointFunc must be refused";
+    } catch (const std::runtime_error& e) {
+        EXPECT_NE(std::string(e.what()).find("libm.so.6 has no EntryPointFunc: "),
+                  std::string::npos);
+        EXPECT_NE(std::string(e.what()).find("undefined symbol"), std::string::npos) << e.what();
+    }
     Plugin linked = Plugin::fromEntryPoint(qheadless::FakeEffect::entry, "fake");
     EXPECT_EQ(linked.entry(), &qheadless::FakeEffect::entry);
     EXPECT_EQ(linked.name(), "fake");
