@@ -132,7 +132,7 @@ FakeHost::FakeHost() {
     in_data.pica_basicP = &basic;
     in_data.inter.checkout_param = fakeCheckout;
     in_data.inter.checkin_param = fakeCheckin;
-    in_data.appl_id = 'FXTC';
+    in_data.appl_id = 0x46584354;  // any host other than Premiere Pro
     in_data.time_step = 10;
     in_data.time_scale = 250;
 }
@@ -187,7 +187,7 @@ TEST(DisposalList, disposes_worlds_with_data_in_order_and_ors_errors) {
     EXPECT_EQ(list.count, 0);
 }
 
-TEST(BitDepthAndSizing, after_effects_reads_the_deep_flag) {
+TEST(BitDepthAndSizing, deep_flag_in_after_effects_pixel_format_in_premiere) {
     FakeHost fake;
     PF_OutData out{};
     OwnedWorld deep(4, 4, true), shallow(4, 4, false);
@@ -199,32 +199,27 @@ TEST(BitDepthAndSizing, after_effects_reads_the_deep_flag) {
     EXPECT_EQ(populate_BitDepthAndSizing(&fake.in_data, &out, shallow, &is8, &factor), 0);
     EXPECT_TRUE(is8);
     EXPECT_EQ(fake.acquired, 0);
-}
 
-TEST(BitDepthAndSizing, premiere_maps_pixel_format_codes) {
-    FakeHost fake;
+    // Premiere Pro: only the format counts, not the deep flag.
     fake.in_data.appl_id = kPremiereProApplId;
-    PF_OutData out{};
-    OwnedWorld output(4, 4, false);  // the deep flag plays no part in Premiere Pro
-
     struct Case {
-        PrPixelFormat format;
+        A_long format;
         bool answer;
         bool is8;
         int factor;
     };
     const Case cases[] = {
-        {PrPixelFormat(0x62677241), true, false, 2},
-        {PrPixelFormat(0x62677261), true, true, 2},
-        {PrPixelFormat(0x62675241), true, false, 1},  // other codes: left as the caller set
-        {PrPixelFormat(0), false, false, 2},          // no answer: the preset 16-bit code
+        {0x62677241, true, false, 2},
+        {0x62677261, true, true, 2},
+        {0x62675241, true, false, 1},  // other codes: left as the caller set them
+        {0, false, false, 2},          // no answer: the preset 16-bit code
     };
     for (const Case& c : cases) {
-        fake.format = c.format;
+        fake.format = PrPixelFormat(c.format);
         fake.answerFormat = c.answer;
-        bool is8 = false;
-        int factor = 1;
-        EXPECT_EQ(populate_BitDepthAndSizing(&fake.in_data, &out, output, &is8, &factor), 0);
+        is8 = false;
+        factor = 1;
+        EXPECT_EQ(populate_BitDepthAndSizing(&fake.in_data, &out, shallow, &is8, &factor), 0);
         EXPECT_EQ(is8, c.is8) << std::hex << c.format;
         EXPECT_EQ(factor, c.factor) << std::hex << c.format;
     }
@@ -233,10 +228,8 @@ TEST(BitDepthAndSizing, premiere_maps_pixel_format_codes) {
 
     // A missing suite throws 13 with the host's message.
     fake.hasPixelFormatSuite = false;
-    bool is8 = false;
-    int factor = 1;
     try {
-        populate_BitDepthAndSizing(&fake.in_data, &out, output, &is8, &factor);
+        populate_BitDepthAndSizing(&fake.in_data, &out, shallow, &is8, &factor);
         ADD_FAILURE() << "no throw";
     } catch (int thrown) {
         EXPECT_EQ(thrown, 13);
