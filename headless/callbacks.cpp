@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 
 #include "headless/state.h"
 
@@ -144,7 +145,14 @@ newWorld(PF_ProgPtr ref, A_long width, A_long height, PF_NewWorldFlags flags,
         return PF_Err_BAD_CALLBACK_PARAM;
     }
     const bool deep = (flags & PF_NewWorldFlag_DEEP_PIXELS) != 0;
-    auto made = std::make_unique<World>(width, height, deep);
+    std::unique_ptr<World> made;
+    try {
+        made = std::make_unique<World>(width, height, deep);
+    } catch (const std::bad_alloc&) {
+        ++s->acc.newWorldFailures;
+        *world = PF_EffectWorld{};
+        return PF_Err_OUT_OF_MEMORY;
+    }
     *world = made->layer();
     s->effectWorlds.emplace(made->layer().data, std::move(made));
     ++s->acc.worldsMade;
@@ -310,8 +318,14 @@ checkoutParam(PF_ProgPtr ref, PF_ParamIndex index, A_long what_time, A_long time
     }
     frame = s->clampFrame(frame);
     const bool deep = s->checkoutDeep();
-    auto layer = std::make_unique<World>(source->width(), source->height(), deep);
-    const PF_Err err = source->fill(frame, layer->layer());
+    std::unique_ptr<World> layer;
+    PF_Err err = PF_Err_NONE;
+    try {
+        layer = std::make_unique<World>(source->width(), source->height(), deep);
+        err = source->fill(frame, layer->layer());
+    } catch (const std::bad_alloc&) {
+        err = PF_Err_OUT_OF_MEMORY;
+    }
     if (err != PF_Err_NONE) {
         ++s->acc.checkoutFailures;
         *param = PF_ParamDef{};
@@ -454,10 +468,7 @@ getPixelFormat(PF_EffectWorld* world, PrPixelFormat* format) {
         return PF_Err_BAD_CALLBACK_PARAM;
     }
     ++s->acc.pixelFormatQueries;
-    A_u_long code = PF_WORLD_IS_DEEP(world) ? kPixelFormatArgb16 : kPixelFormatArgb8;
-    if (s->premiereFormat) {
-        code = *s->premiereFormat;
-    }
+    const A_u_long code = s->pixelFormatFor(PF_WORLD_IS_DEEP(world));
     *format = static_cast<PrPixelFormat>(code);
     return PF_Err_NONE;
 }

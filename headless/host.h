@@ -224,7 +224,8 @@ class Session {
     void setDownsample(PF_RationalScale x, PF_RationalScale y);
     void setDownsample(A_u_long denominator);  // 1/denominator on both axes
     // What GetPixelFormat answers (Premiere). By default it follows the queried world's depth:
-    // deep gives kPixelFormatArgb16, 8-bit gives kPixelFormatArgb8.
+    // deep gives kPixelFormatArgb16, 8-bit gives kPixelFormatArgb8. A code set here is the
+    // answer for deep worlds only; 8-bit worlds are always answered kPixelFormatArgb8.
     void setPremierePixelFormat(A_u_long code);
     void clearPremierePixelFormat();
     Faults& faults();

@@ -86,18 +86,28 @@ Session::State::State(EntryPoint e, SessionOptions o) : entry(e), options(o) {
     }
 }
 
+A_u_long
+Session::State::pixelFormatFor(bool worldDeep) const {
+    // A configured answer applies to deep worlds only: an 8-bit world answered with a deep
+    // code would have the effect write 16-bit pixels into it.
+    if (!worldDeep) {
+        return kPixelFormatArgb8;
+    }
+    return premiereFormat ? *premiereFormat : kPixelFormatArgb16;
+}
+
 bool
 Session::State::renderFormatDeep() const {
-    if (premiereFormat) {
-        if (*premiereFormat == kPixelFormatArgb16) {
-            return true;
-        }
-        if (*premiereFormat == kPixelFormatArgb8) {
-            return false;
-        }
-        return options.deep;
+    const bool outputDeep =
+        commandOutput != nullptr ? PF_WORLD_IS_DEEP(commandOutput) : options.deep;
+    const A_u_long format = pixelFormatFor(outputDeep);
+    if (format == kPixelFormatArgb16) {
+        return true;
     }
-    return commandOutput != nullptr ? PF_WORLD_IS_DEEP(commandOutput) : options.deep;
+    if (format == kPixelFormatArgb8) {
+        return false;
+    }
+    return options.deep;
 }
 
 bool

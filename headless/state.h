@@ -70,8 +70,10 @@ struct Session::State {
     State(EntryPoint e, SessionOptions o);
 
     bool premiere() const { return options.family == HostFamily::Premiere; }
-    // Depth of the render's pixel format in Premiere: the configured answer, else the depth of
-    // this command's output (else the project's).
+    // What GetPixelFormat answers for a world of this depth.
+    A_u_long pixelFormatFor(bool worldDeep) const;
+    // Depth of the render's pixel format in Premiere: the answer for this command's output
+    // (the project's depth when that answer is no format the host knows).
     bool renderFormatDeep() const;
     bool inputDeep() const;
     bool checkoutDeep() const;

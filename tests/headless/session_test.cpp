@@ -553,15 +553,24 @@ TEST(HeadlessSession, premiere_answers_pixel_formats_and_matches_checkouts_to_th
     EXPECT_EQ(format, kPixelFormatArgb8);
     EXPECT_FALSE(layerDeep);
 
-    // ... unless the answer is set; an unknown code leaves check-outs at the project depth.
+    // ... unless an answer is set for deep worlds: an unknown code leaves check-outs at the
+    // project's depth, the 8-bit code makes them 8-bit. 8-bit worlds always get the 8-bit code.
     s.setPremierePixelFormat(0x61726762);
     ASSERT_EQ(s.render(0, deepOut), PF_Err_NONE);
     EXPECT_EQ(format, 0x61726762u);
     EXPECT_FALSE(layerDeep);
-    s.setPremierePixelFormat(kPixelFormatArgb16);
     ASSERT_EQ(s.render(0, eightOut), PF_Err_NONE);
-    EXPECT_EQ(format, kPixelFormatArgb16);
-    EXPECT_TRUE(layerDeep);
+    EXPECT_EQ(format, kPixelFormatArgb8);
+    EXPECT_FALSE(layerDeep);
+    MemoryFrameSource deepFrames(2, 2, 0);
+    addNumberedFrames(deepFrames, 1);
+    Session d(FakeEffect::entry,
+              {.family = HostFamily::Premiere, .deep = true, .source = &deepFrames});
+    ASSERT_EQ(d.globalSetup(), PF_Err_NONE);
+    d.setPremierePixelFormat(kPixelFormatArgb8);
+    ASSERT_EQ(d.render(0, deepOut), PF_Err_NONE);
+    EXPECT_EQ(format, kPixelFormatArgb8);
+    EXPECT_FALSE(layerDeep);
     EXPECT_EQ(s.accounting().pixelFormatQueries, 5);
 }
 
