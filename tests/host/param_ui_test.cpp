@@ -157,83 +157,77 @@ expectPanelShows(const Session& session, const PanelRow& want) {
     EXPECT_EQ(session.control(GROUP).name(), want.groupName);
 }
 
-TEST(UpdateParameterUI, sends_only_the_changes_between_any_two_popup_states_then_the_rename) {
+std::vector<PF_ParamIndex>
+indicesSince(const Session& session, std::size_t first) {
+    std::vector<PF_ParamIndex> sent;
+    for (std::size_t k = first; k < session.accounting().paramUICalls.size(); ++k) {
+        sent.push_back(session.accounting().paramUICalls[k].index);
+    }
+    return sent;
+}
+
+TEST(UpdateParameterUI, sends_each_needed_change_in_order_then_the_rename_from_any_start) {
     Session session(EntryPointFunc, {.family = HostFamily::AfterEffects});
     ASSERT_EQ(session.start(), PF_Err_NONE);
-    for (PF_ParamValue further0 = 1; further0 <= 4; ++further0) {
-        for (PF_ParamValue of0 = 1; of0 <= 8; ++of0) {
-            for (PF_ParamValue further = 1; further <= 4; ++further) {
-                for (PF_ParamValue of = 1; of <= 8; ++of) {
-                    SCOPED_TRACE("from " + trace(further0, of0) + " to " + trace(further, of));
-                    session.setPopup(5, further0);
-                    session.setPopup(9, of0);
-                    ASSERT_EQ(session.updateParamsUI(), PF_Err_NONE);
+    const PF_ParamIndex tracked[] = {SIZE, HI, MID, LO, TOLERANCE, FOUND, GROUP, OF, SMART_EXTEND};
 
-                    session.setPopup(5, further);
-                    session.setPopup(9, of);
-                    const PanelRow& want = wantedRow(further, of);
-                    const std::vector<SentCall> calls = expectedCalls(session, want);
-                    const std::size_t first = session.accounting().paramUICalls.size();
-                    ASSERT_EQ(session.updateParamsUI(), PF_Err_NONE);
-                    expectCallsSince(session, first, calls);
-                    expectPanelShows(session, want);
-                    // Only how controls are shown changes, never their values.
-                    EXPECT_EQ(session.control(5).current.u.pd.value, further);
-                    EXPECT_EQ(session.control(9).current.u.pd.value, of);
+    // Every popup combination, from every combination of disabled bits on the nine controls;
+    // each control also carries two bystander bits.
+    for (PF_ParamValue further = 1; further <= 4; ++further) {
+        for (PF_ParamValue of = 1; of <= 8; ++of) {
+            const PanelRow& want = wantedRow(further, of);
+            for (unsigned pattern = 0; pattern < (1u << 9); ++pattern) {
+                SCOPED_TRACE(trace(further, of) + ", starting pattern " + std::to_string(pattern));
+                for (int bit = 0; bit < 9; ++bit) {
+                    session.control(tracked[bit]).current.ui_flags =
+                        KEPT_BIT | DROPPED_BIT | ((pattern >> bit) & 1 ? D : E);
                 }
+                session.setPopup(5, further);
+                session.setPopup(9, of);
+                const std::vector<SentCall> calls = expectedCalls(session, want);
+                const std::size_t first = session.accounting().paramUICalls.size();
+                ASSERT_EQ(session.updateParamsUI(), PF_Err_NONE);
+                expectCallsSince(session, first, calls);
+                EXPECT_EQ(session.control(GROUP).name(), want.groupName);
             }
         }
     }
     EXPECT_EQ(session.accounting().suitesHeld(), 0);
 }
 
-TEST(UpdateParameterUI, tests_each_control_on_its_own_state_but_the_colours_on_hi_color_alone) {
+TEST(UpdateParameterUI, greys_out_renames_and_follows_hi_color_for_the_colours) {
     Session session(EntryPointFunc, {.family = HostFamily::AfterEffects});
     ASSERT_EQ(session.start(), PF_Err_NONE);
-    const PF_ParamIndex tracked[] = {SIZE, HI, MID, LO, TOLERANCE, FOUND, GROUP, OF, SMART_EXTEND};
-    const PF_ParamValue settings[][2] = {{1, 1}, {1, 2}, {2, 1}, {3, 2}, {4, 1}, {4, 2}};
 
-    // Every combination of disabled bits on the nine controls, each with two bystander bits.
-    for (unsigned pattern = 0; pattern < (1u << 9); ++pattern) {
-        for (const auto& [further, of] : settings) {
-            SCOPED_TRACE("starting pattern " + std::to_string(pattern) + ", " + trace(further, of));
-            for (int bit = 0; bit < 9; ++bit) {
-                session.control(tracked[bit]).current.ui_flags =
-                    KEPT_BIT | DROPPED_BIT | ((pattern >> bit) & 1 ? D : E);
-            }
-            session.setPopup(5, further);
-            session.setPopup(9, of);
-            const PanelRow& want = wantedRow(further, of);
-            const std::vector<SentCall> calls = expectedCalls(session, want);
-            const std::size_t first = session.accounting().paramUICalls.size();
-            ASSERT_EQ(session.updateParamsUI(), PF_Err_NONE);
-            expectCallsSince(session, first, calls);
-        }
-    }
+    // A fresh instance is on "NO ": everything greyed out, the group reads "of any color".
+    ASSERT_EQ(session.updateParamsUI(), PF_Err_NONE);
+    expectPanelShows(session, wantedRow(4, 2));
 
-    // The cases spelled out: Mid Color alone in the wrong state is left so; Hi Color in the
-    // wrong state sends all four colour controls, the right ones included.
     session.setPopup(5, 2);
-    session.setPopup(9, 2);
-    for (PF_ParamIndex i : tracked) {
-        session.control(i).current.ui_flags = 0;
-    }
-    session.control(MID).current.ui_flags = D;
+    ASSERT_EQ(session.updateParamsUI(), PF_Err_NONE);
+    expectPanelShows(session, wantedRow(2, 2));
+    EXPECT_EQ(session.control(5).current.u.pd.value, 2);
+
+    // Nothing to change: the rename alone is sent.
     std::size_t first = session.accounting().paramUICalls.size();
     ASSERT_EQ(session.updateParamsUI(), PF_Err_NONE);
-    ASSERT_EQ(session.accounting().paramUICalls.size(), first + 1);
+    EXPECT_EQ(indicesSince(session, first), std::vector<PF_ParamIndex>{GROUP});
     EXPECT_EQ(session.accounting().paramUICalls.back().nameString(), MATCHING);
+
+    // Mid Color alone in the wrong state is left so.
+    session.control(MID).current.ui_flags = D;
+    first = session.accounting().paramUICalls.size();
+    ASSERT_EQ(session.updateParamsUI(), PF_Err_NONE);
+    EXPECT_EQ(indicesSince(session, first), std::vector<PF_ParamIndex>{GROUP});
     EXPECT_EQ(session.control(MID).current.ui_flags, D);
 
+    // Hi Color in the wrong state sends all four colour controls, the right ones included.
     session.control(HI).current.ui_flags = D;
     session.control(MID).current.ui_flags = 0;
     first = session.accounting().paramUICalls.size();
     ASSERT_EQ(session.updateParamsUI(), PF_Err_NONE);
-    std::vector<PF_ParamIndex> sent;
-    for (std::size_t k = first; k < session.accounting().paramUICalls.size(); ++k) {
-        sent.push_back(session.accounting().paramUICalls[k].index);
-    }
-    EXPECT_EQ(sent, (std::vector<PF_ParamIndex>{HI, MID, LO, TOLERANCE, GROUP}));
+    EXPECT_EQ(indicesSince(session, first),
+              (std::vector<PF_ParamIndex>{HI, MID, LO, TOLERANCE, GROUP}));
 }
 
 TEST(UpdateParameterUI, keeps_the_first_host_error_and_skips_every_later_call) {
