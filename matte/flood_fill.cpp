@@ -619,11 +619,23 @@ floodFillHolesLogInFillTagList(PF_LayerDef* alphaWorld, PF_LayerDef* redMask, in
             if (tag->area == 0) {
                 continue;
             }
+            if (index == kLastFillTag) {
+                continue;  // judged once, after the scan
+            }
             evaluateRegion(tag, rules);
             tags->count = std::min(tags->count + 1, kLastFillTag);
         }
     }
     releaseSeedStackOverflow(seeds);
+
+    // Every region sharing the last record overwrites the verdict of the one before, and once
+    // its area is non-zero every later attempt there (even one that paints nothing) is judged
+    // again. So the verdict that stands is a judgement of the final mask with the final
+    // counts: making it once here gives the same record, without rescanning the shared,
+    // ever-growing bounding box for each region.
+    if (tags->tags[kLastFillTag].area != 0) {
+        evaluateRegion(&tags->tags[kLastFillTag], rules);
+    }
 
     applyCrossHairs(crossHairs, tags, redMask, width, height, maxSize, blobMode);
 

@@ -476,6 +476,23 @@ TEST(FloodFill, fill_tags_fold_overrun_into_last_record) {
     EXPECT_EQ(removed.mask.at(1 + 3 * 0, 1 + 3 * 23).red, 0);  // k = 598, alone it was removed
     EXPECT_EQ(removed.mask.at(1 + 3 * 0, 1 + 3 * 23).blue, 32768);
     EXPECT_EQ(removed.mask.at(2 + 3 * 25, 2 + 3 * 24).red, 0);
+
+    // Once the shared record has an area, even an attempt that paints nothing is judged
+    // again: single-pixel specks on green 32767 after the last blob add guard ends to it,
+    // and with a guard veto the third one spares every region in the record.
+    auto sharedFlagged = [&](int specks) {
+        std::vector<std::string> more = art;
+        more.push_back(std::string(kPerRow * 3 + 1, '.'));
+        more.push_back(std::string(kPerRow * 3 + 1, '.'));
+        for (int s = 0; s < specks; ++s) more[more.size() - 2][10 + 10 * s] = '#';
+        FillCase c(more);
+        for (int s = 0; s < specks; ++s) c.mask.at(10 + 10 * s, kRows * 3 + 1).green = 32767;
+        c.guardRadius = 1, c.guardVeto = true;
+        c.run();
+        return c.tag(599).flagged;
+    };
+    EXPECT_TRUE(sharedFlagged(2));
+    EXPECT_FALSE(sharedFlagged(3));
 }
 
 TEST(FloodFill, size_bounds_are_exclusive_and_thin_regions_always_change) {
