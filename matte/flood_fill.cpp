@@ -64,16 +64,21 @@ isRegionLabel(unsigned short red) {
 // handled in scan order, so a zone written earlier can hide a later marker.
 void
 writeGuardZones(PF_LayerDef* redMask, int width, int height, int guardRadius) {
+    if (guardRadius < 0) {
+        return;  // an empty zone
+    }
+    // A zone never reaches past the frame, so a larger radius changes nothing.
+    const int reach = std::min(guardRadius, std::max(width, height));
     for (int y = 1; y <= height - 2; ++y) {
         for (int x = 1; x <= width - 2; ++x) {
             if (row16(redMask, y)[x].green != kGreenGuardMarker) {
                 continue;
             }
-            const int yEnd = std::min(y + guardRadius, height - 1);
-            const int xEnd = std::min(x + guardRadius, width - 1);
-            for (int yy = std::max(0, y - guardRadius); yy <= yEnd; ++yy) {
+            const int yEnd = std::min(y + reach, height - 1);
+            const int xEnd = std::min(x + reach, width - 1);
+            for (int yy = std::max(0, y - reach); yy <= yEnd; ++yy) {
                 PF_Pixel16* row = row16(redMask, yy);
-                for (int xx = std::max(0, x - guardRadius); xx <= xEnd; ++xx) {
+                for (int xx = std::max(0, x - reach); xx <= xEnd; ++xx) {
                     if (xx != x || yy != y) {
                         row[xx].green = kGreenGuardZone;
                     }
@@ -154,11 +159,15 @@ locationHolds(const FillTag& tag, const RegionRules& r) {
             return tag.maxX < r.width / 2;
         case 9:
             return tag.minX > r.width / 2;
-        default:
+        default: {
             // The render has already divided edgeDistance by the downsample factor; it is
-            // divided again here, so previews sample closer than full renders.
-            return regionLiesOnObjectEdge(tag, r.alphaWorld, r.redMask, r.width, r.yMax,
-                                          r.edgeDistance / r.scale, r.edgeThreshold);
+            // divided again here, so previews sample closer than full renders. Samples are
+            // clamped into the frame, so a step longer than the frame changes nothing.
+            const int frame = std::max(r.width, r.yMax + 1);
+            const int step = std::clamp(r.edgeDistance / r.scale, -frame, frame);
+            return regionLiesOnObjectEdge(tag, r.alphaWorld, r.redMask, r.width, r.yMax, step,
+                                          r.edgeThreshold);
+        }
     }
 }
 
@@ -224,7 +233,8 @@ evaluateRegion(FillTag* tag, const RegionRules& r) {
 
     bool guard = false;
     if (tag->guardEnds != 0) {
-        guard = tag->spanEnds < 2 * r.guardRadius || tag->guardEnds > 2 * r.guardRadius;
+        const long long twice = 2LL * r.guardRadius;
+        guard = tag->spanEnds < twice || tag->guardEnds > twice;
     }
 
     bool flagged = false;
@@ -295,10 +305,12 @@ applyCrossHairs(CrossHairsArray* crossHairs, FillTagList* tags, PF_LayerDef* red
 }
 
 // Replaces every label inside the limits with its region's verdict (red and blue). With
-// fillZeroFromDiagonal, a red-0 pixel takes the red and blue of its first diagonal neighbour
-// (row by row; at the frame's border only the rows and columns that exist, stepping by 2)
-// whose red is 33 or more or whose blue is at least 1; without one it takes the values last
-// taken in this pass (red 0 and blue 0 before any).
+// fillZeroFromDiagonal, a red-0 pixel takes the red and blue of the first of its diagonal
+// neighbours, row by row, whose red is 33 or more or whose blue is at least 1; without one it
+// takes the values last taken in this pass (red 0 and blue 0 before any). The neighbours are
+// found by stepping 2 from max(v - 1, 0) while below min(size, v + 2), so on the first row
+// or column the pixel's own row or column stands in for the missing one, and on the last
+// only the row or column before it is looked at.
 void
 rewriteLabels(FillTagList* tags, PF_LayerDef* redMask, int width, int height,
               FillLimitsArray* limits, bool fillZeroFromDiagonal) {

@@ -134,11 +134,16 @@ void expandRedMaskFillHolesSeedSideWays(Seed* seed, PF_LayerDef* alphaWorld, PF_
 // Reads    red-mask red and green; alpha-world alpha and colour; limits, range, cross hairs
 // Writes   red-mask green (guard zones 32766), red (labels, then verdicts), blue (verdicts),
 //          alpha (32768 everywhere at the end); tags; seeds
-// Order    guard zones; stop if maxSize < 1; label and judge regions in scan order;
-//          cross-hair overrides; final rewrite unless keepLabels; alpha reset
-// Quirks   single-pixel spans never painted and regions of them never logged; regions past
-//          record 599 share it; size bounds exclusive; edgeDistance divided by scale again;
-//          keepLines leaves a one-pixel-thick region's blue at its verdict (dimmed);
+// Order    guard zones; stop if maxSize < 1 (alphas then keep their values); label and
+//          judge regions in scan order; cross-hair overrides; final rewrite unless
+//          keepLabels; alpha reset
+// Quirks   single-pixel spans are never painted and regions of them never logged (their
+//          span ends stay in the next region's record); a row's limit pixel is never
+//          claimed; regions past record 599 share it and the last verdict wins; size bounds
+//          are exclusive; edgeDistance is divided by scale again; keepLines leaves a
+//          one-pixel-thick region's blue at its verdict (dimmed); in the diagonal fill a
+//          label not yet rewritten is passed on and stays, label 32 never qualifies, and a
+//          pixel with no qualifying neighbour takes the values last taken (0 and 0 at first);
 //          xMax, halfWidth and the two ignored arguments are accepted and not used
 void floodFillHolesLogInFillTagList(
     PF_LayerDef* alphaWorld, PF_LayerDef* redMask, int xMax, int height, int yMax, int width,
