@@ -10,6 +10,7 @@
 #include <new>
 #include <random>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -51,41 +52,36 @@ maskFromArt(const std::vector<std::string>& rows) {
     return mask;
 }
 
-// Red plane as art: '.' open, '#' solid, 'a'.. for labels 32.. , '*' label 19168, '?' other.
+// A plane as art. Red: '.' open, '#' solid, 'a'.. labels 32.., '*' label 19168. Blue: '.' 0,
+// 'B' 32768, 'r' 20000 (removed), 'd' 10000 (dark). '?' anything else.
 std::string
-redArt(const OwnedWorld& mask) {
+planeArt(const OwnedWorld& mask, qtest::Channel channel) {
     std::string out;
     for (int y = 0; y < mask.height(); ++y) {
         for (int x = 0; x < mask.width(); ++x) {
-            const int v = mask.get(qtest::kRed, x, y);
-            char c = '?';
-            if (v == kOpen)
-                c = '.';
-            else if (v == 0)
-                c = '#';
-            else if (v == 19168)
-                c = '*';
-            else if (v % 32 == 0 && v / 32 <= 26)
-                c = static_cast<char>('a' + v / 32 - 1);
+            const int v = mask.get(channel, x, y);
+            char c = v == 0 ? (channel == qtest::kRed ? '#' : '.') : '?';
+            if (channel == qtest::kRed && v != 0) {
+                c = v == kOpen                ? '.'
+                    : v == 19168              ? '*'
+                    : v % 32 == 0 && v <= 832 ? 'a' + v / 32 - 1
+                                              : '?';
+            } else if (v != 0) {
+                c = v == 32768 ? 'B' : v == 20000 ? 'r' : v == 10000 ? 'd' : '?';
+            }
             out += c;
         }
         out += '\n';
     }
     return out;
 }
-
-// Blue plane as art: '.' 0, 'B' 32768, 'r' 20000 (removed), 'd' 10000 (dark), '?' other.
+std::string
+redArt(const OwnedWorld& mask) {
+    return planeArt(mask, qtest::kRed);
+}
 std::string
 blueArt(const OwnedWorld& mask) {
-    std::string out;
-    for (int y = 0; y < mask.height(); ++y) {
-        for (int x = 0; x < mask.width(); ++x) {
-            const int v = mask.get(qtest::kBlue, x, y);
-            out += v == 0 ? '.' : v == 32768 ? 'B' : v == 20000 ? 'r' : v == 10000 ? 'd' : '?';
-        }
-        out += '\n';
-    }
-    return out;
+    return planeArt(mask, qtest::kBlue);
 }
 
 std::string
@@ -283,44 +279,31 @@ runWithLargeStack(const std::function<void()>& f) {
     pthread_attr_destroy(&attr);
 }
 
-::testing::AssertionResult
-SameMeasurements(const RefTag& r, const FillTag& t, int index) {
-    if (r.area == t.area && r.minX == t.minX && r.maxX == t.maxX && r.minY == t.minY &&
-        r.maxY == t.maxY && r.spanEnds == t.spanEnds && r.guardEnds == t.guardEnds &&
-        r.widestLeft == t.widestLeft && r.widestRight == t.widestRight &&
-        r.widestWidth == t.widestWidth && r.widestY == t.widestY) {
-        return ::testing::AssertionSuccess();
-    }
-    return ::testing::AssertionFailure()
-           << "record " << index << ": area " << t.area << " vs " << r.area << ", x " << t.minX
-           << ".." << t.maxX << " vs " << r.minX << ".." << r.maxX << ", y " << t.minY << ".."
-           << t.maxY << " vs " << r.minY << ".." << r.maxY << ", ends " << t.spanEnds << "/"
-           << t.guardEnds << " vs " << r.spanEnds << "/" << r.guardEnds << ", widest "
-           << t.widestLeft << ".." << t.widestRight << "@" << t.widestY << " vs " << r.widestLeft
-           << ".." << r.widestRight << "@" << r.widestY;
+// The measurements a record holds after the labelling phase, for comparison.
+template <typename Tag>
+auto
+measurements(const Tag& t) {
+    return std::tuple(t.area, t.minX, t.maxX, t.minY, t.maxY, t.spanEnds, t.guardEnds, t.widestLeft,
+                      t.widestRight, t.widestWidth, t.widestY);
 }
 
 // ---------------------------------------------------------------------------------------------
 
 TEST(FloodFill, spans_of_two_or_more_pixels_are_painted_single_pixel_spans_never) {
-    FillCase c({".........",  //
-                ".##..#...",  //
-                ".##..#...",  //
-                ".##..#...",  //
-                ".........",  //
-                "...####..",  //
-                "........."});
+    const std::vector<std::string> world = {".........",  //
+                                            ".##..#...",  //
+                                            ".##..#...",  //
+                                            ".##..#...",  //
+                                            ".........",  //
+                                            "...####..",  //
+                                            "........."};
+    FillCase c(world);
     c.keepLabels = true;
     c.run();
     // The two-pixel-wide bar is region 1; the one-pixel vertical line is never painted nor
     // logged; the horizontal line becomes region 2.
-    EXPECT_EQ(redArt(c.mask), lines({".........",  //
-                                     ".aa..#...",  //
-                                     ".aa..#...",  //
-                                     ".aa..#...",  //
-                                     ".........",  //
-                                     "...bbbb..",  //
-                                     "........."}));
+    EXPECT_EQ(redArt(c.mask), lines({".........", ".aa..#...", ".aa..#...", ".aa..#...",
+                                     ".........", "...bbbb..", "........."}));
     EXPECT_EQ(c.tags->count, 3);
     EXPECT_EQ(c.tag(1).area, 3);
     EXPECT_EQ(c.tag(2).area, 3);
@@ -332,27 +315,15 @@ TEST(FloodFill, spans_of_two_or_more_pixels_are_painted_single_pixel_spans_never
 
     // Without labels kept: both logged regions are removed (zero tolerance puts every sampled
     // colour out of range); the unlogged line stays solid with blue 0.
-    FillCase removed({".........", ".##..#...", ".##..#...", ".##..#...", ".........", "...####..",
-                      "........."});
+    FillCase removed(world);
     removed.run();
-    EXPECT_EQ(redArt(removed.mask), lines({".........",  //
-                                           ".....#...",  //
-                                           ".....#...",  //
-                                           ".....#...",  //
-                                           ".........",  //
-                                           ".........",  //
-                                           "........."}));
-    EXPECT_EQ(blueArt(removed.mask), lines({".........",  //
-                                            ".rr......",  //
-                                            ".rr......",  //
-                                            ".rr......",  //
-                                            ".........",  //
-                                            "...rrrr..",  //
-                                            "........."}));
+    EXPECT_EQ(redArt(removed.mask), lines({".........", ".....#...", ".....#...", ".....#...",
+                                           ".........", ".........", "........."}));
+    EXPECT_EQ(blueArt(removed.mask), lines({".........", ".rr......", ".rr......", ".rr......",
+                                            ".........", "...rrrr..", "........."}));
 
     // keepLines spares the one-pixel-thick line but leaves its blue at 20000 (dimmed).
-    FillCase spared({".........", ".##..#...", ".##..#...", ".##..#...", ".........", "...####..",
-                     "........."});
+    FillCase spared(world);
     spared.keepLines = true;
     spared.run();
     EXPECT_EQ(spared.mask.at(4, 5).red, 0);
@@ -530,28 +501,22 @@ TEST(FloodFill, found_picks_blobs_by_screen_edge_and_half) {
         c.run();
         return c.tag(1).flagged;
     };
-    EXPECT_TRUE(flagged(1, 1, 10, 10));
-    EXPECT_TRUE(flagged(2, 1, 10, 4));  // top: minY <= 4 / scale
-    EXPECT_FALSE(flagged(2, 1, 10, 5));
-    EXPECT_FALSE(flagged(2, 2, 10, 4));
-    EXPECT_TRUE(flagged(2, 2, 10, 2));
-    EXPECT_TRUE(flagged(2, 0, 10, 4));  // scale clamped up to 1
-    EXPECT_TRUE(flagged(2, 9, 10, 1));  // and down to 4
-    EXPECT_FALSE(flagged(2, 9, 10, 2));
-    EXPECT_TRUE(flagged(3, 1, 10, 24));  // bottom: maxY >= height - 4
-    EXPECT_FALSE(flagged(3, 1, 10, 23));
-    EXPECT_TRUE(flagged(4, 1, 4, 10));  // left: minX <= 4
-    EXPECT_FALSE(flagged(4, 1, 5, 10));
-    EXPECT_TRUE(flagged(5, 1, 34, 10));  // right: maxX >= width - 4
-    EXPECT_FALSE(flagged(5, 1, 33, 10));
-    EXPECT_TRUE(flagged(6, 1, 10, 11));  // top half: maxY < yMax / 2 = 14
-    EXPECT_FALSE(flagged(6, 1, 10, 12));
-    EXPECT_TRUE(flagged(7, 1, 10, 15));  // bottom half: minY > 14
-    EXPECT_FALSE(flagged(7, 1, 10, 14));
-    EXPECT_TRUE(flagged(8, 1, 17, 10));  // left half: maxX < 20
-    EXPECT_FALSE(flagged(8, 1, 18, 10));
-    EXPECT_TRUE(flagged(9, 1, 21, 10));  // right half: minX > 20
-    EXPECT_FALSE(flagged(9, 1, 20, 10));
+    // found, scale, x, y of the blob, flagged; each rule at and just past its bound.
+    const int cases[][5] = {
+        {1, 1, 10, 10, 1},                                        // anywhere
+        {2, 1, 10, 4, 1},  {2, 1, 10, 5, 0},  {2, 2, 10, 4, 0},   // top: minY <= 4 / scale
+        {2, 2, 10, 2, 1},  {2, 0, 10, 4, 1},  {2, 9, 10, 1, 1},   // scale clamped to 1..4
+        {2, 9, 10, 2, 0},  {3, 1, 10, 24, 1}, {3, 1, 10, 23, 0},  // bottom: maxY >= 30 - 4
+        {4, 1, 4, 10, 1},  {4, 1, 5, 10, 0},                      // left: minX <= 4
+        {5, 1, 34, 10, 1}, {5, 1, 33, 10, 0},                     // right: maxX >= 40 - 4
+        {6, 1, 10, 11, 1}, {6, 1, 10, 12, 0},                     // top half: maxY < 14
+        {7, 1, 10, 15, 1}, {7, 1, 10, 14, 0},                     // bottom half: minY > 14
+        {8, 1, 17, 10, 1}, {8, 1, 18, 10, 0},                     // left half: maxX < 20
+        {9, 1, 21, 10, 1}, {9, 1, 20, 10, 0}};                    // right half: minX > 20
+    for (const auto& k : cases) {
+        EXPECT_EQ(flagged(k[0], k[1], k[2], k[3]), k[4] == 1)
+            << "found " << k[0] << " scale " << k[1] << " at " << k[2] << "," << k[3];
+    }
 }
 
 TEST(FloodFill, object_edge_samples_alpha_at_edge_distance_divided_by_scale_again) {
@@ -898,7 +863,8 @@ TEST(FloodFill, random_mattes_labels_match_reference_and_every_claimed_pixel_get
         ref.run();
         ASSERT_EQ(labelled.tags->count, ref.count) << "round " << round;
         for (int i = 1; i <= ref.count; ++i) {
-            ASSERT_TRUE(SameMeasurements(ref.tags[i], labelled.tag(i), i)) << "round " << round;
+            ASSERT_EQ(measurements(ref.tags[i]), measurements(labelled.tag(i)))
+                << i << " " << round;
         }
 
         for (int y = 0; y < height; ++y) {
@@ -953,7 +919,7 @@ TEST(FloodFill, serpentine_beyond_the_fixed_stack_matches_the_unbounded_referenc
     runWithLargeStack([&] { ref.run(); });
     EXPECT_GT(ref.maxDepth, kSeedStackCapacity);
     EXPECT_EQ(c.tags->count, 2);
-    EXPECT_TRUE(SameMeasurements(ref.tags[1], c.tag(1), 1));
+    EXPECT_EQ(measurements(ref.tags[1]), measurements(c.tag(1)));
     EXPECT_EQ(c.tag(1).area, kColumns * kRowsTall * 2 + (kColumns - 1) * 2);
     EXPECT_TRUE(qtest::SamePlane(refMask, c.mask, qtest::kRed));
 
