@@ -6,9 +6,9 @@
 
 #include <dlfcn.h>
 
+#include <cctype>
 #include <cstdio>
 #include <fstream>
-#include <regex>
 #include <set>
 #include <sstream>
 #include <string>
@@ -22,30 +22,61 @@ using quorvane::headless::HostFamily;
 using quorvane::headless::Plugin;
 using quorvane::headless::Session;
 
-// The resource text without its comments.
+// The resource text without its comments (string literals kept as they are).
 std::string
 propertyListSource() {
     std::ifstream file(std::string(QUORVANE_SOURCE_DIR) + "/resources/Quorvane_PiPL.r");
     std::stringstream text;
     text << file.rdbuf();
-    std::string source = text.str();
-    source = std::regex_replace(source, std::regex(R"(/\*[\s\S]*?\*/)"), " ");
-    return std::regex_replace(source, std::regex(R"(//[^\n]*)"), " ");
+    const std::string raw = text.str();
+    std::string source;
+    for (std::size_t i = 0; i < raw.size(); ++i) {
+        if (raw[i] == '"') {
+            const std::size_t close = raw.find('"', i + 1);
+            source += raw.substr(i, close - i + 1);
+            i = close;
+        } else if (raw.compare(i, 2, "//") == 0) {
+            i = raw.find('\n', i) - 1;
+        } else if (raw.compare(i, 2, "/*") == 0) {
+            i = raw.find("*/", i) + 1;
+            source += ' ';
+        } else {
+            source += raw[i];
+        }
+    }
+    return source;
 }
 
-// The single value of a property written `Property { value }`; empty when absent.
+bool
+isNameChar(char c) {
+    return std::isalnum(static_cast<unsigned char>(c)) || c == '_';
+}
+
+// The single value of a property written `Property { value }`, quotes removed; empty when
+// absent.
 std::string
 propertyValue(const std::string& source, const std::string& property) {
-    std::smatch match;
-    const std::regex pattern("\\b" + property + R"(\s*\{\s*("[^"]*"|[0-9A-Fa-fx]+)\s*\})");
-    if (!std::regex_search(source, match, pattern)) {
-        return {};
+    for (std::size_t at = source.find(property); at != std::string::npos;
+         at = source.find(property, at + 1)) {
+        const std::size_t after = at + property.size();
+        if ((at > 0 && isNameChar(source[at - 1])) ||
+            (after < source.size() && isNameChar(source[after]))) {
+            continue;
+        }
+        const std::size_t open = source.find_first_not_of(" \t\r\n", after);
+        if (open == std::string::npos || source[open] != '{') {
+            continue;
+        }
+        const std::size_t close = source.find('}', open);
+        const std::size_t first = source.find_first_not_of(" \t\r\n", open + 1);
+        const std::size_t last = source.find_last_not_of(" \t\r\n", close - 1);
+        std::string value = source.substr(first, last - first + 1);
+        if (value.size() >= 2 && value.front() == '"' && value.back() == '"') {
+            value = value.substr(1, value.size() - 2);
+        }
+        return value;
     }
-    std::string value = match[1];
-    if (value.size() >= 2 && value.front() == '"') {
-        value = value.substr(1, value.size() - 2);
-    }
-    return value;
+    return {};
 }
 
 A_u_long
