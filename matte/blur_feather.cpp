@@ -3,6 +3,11 @@
 #include <algorithm>
 #include <climits>
 #include <cstdint>
+#include <cstring>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 #include "AE_EffectCB.h"
 #include "image/pixels.h"
@@ -14,8 +19,10 @@ namespace {
 constexpr float kLevelSigma[9] = {0.0f, 0.1f, 0.1f, 0.6f, 1.3f, 1.7f, 2.0f, 2.4f, 3.0f};
 constexpr float kBoxCount = 3.0f;
 
-// Columns handled at once by the running sums; their per-column state lives on the stack.
-constexpr A_long kBlurStripColumns = 2048;
+// Columns handled at once by the running sums; their per-column state lives on the stack
+// (64 KiB for the blur, 48 KiB for the feather). Whole rows of frames up to 4096 columns
+// wide keep the reads sequential.
+constexpr A_long kBlurStripColumns = 4096;
 constexpr A_long kBlurMaxRadius = 4;
 constexpr A_long kFeatherStripColumns = 4096;
 
@@ -31,25 +38,70 @@ scaledMean(int32_t sum, float reciprocal) {
     return std::min(low, kFull);
 }
 
-// Vertical window sums of red, green and blue for one strip of columns.
-struct ColumnSums {
-    int32_t red[kBlurStripColumns + 2 * kBlurMaxRadius];
-    int32_t green[kBlurStripColumns + 2 * kBlurMaxRadius];
-    int32_t blue[kBlurStripColumns + 2 * kBlurMaxRadius];
-};
+// Four 32-bit lanes, one per channel of a pixel, computed together.
+typedef int32_t Lanes __attribute__((vector_size(16)));
+typedef float FloatLanes __attribute__((vector_size(16)));
+typedef uint16_t Channels __attribute__((vector_size(8)));
 
-// Adds (sign 1) or removes (sign -1) one input row's colours to the sums of columns a..b;
-// column x sits at index x - base.
-void
-accumulateRow(ColumnSums& sums, const PF_Pixel16* row, A_long base, A_long a, A_long b, int sign) {
-    for (A_long x = a; x <= b; ++x) {
-        sums.red[x - base] += sign * row[x].red;
-        sums.green[x - base] += sign * row[x].green;
-        sums.blue[x - base] += sign * row[x].blue;
-    }
+inline Lanes
+loadLanes(const int32_t* p) {
+    Lanes v;
+    std::memcpy(&v, p, sizeof v);
+    return v;
 }
 
-// One box pass of the noise blur over the columns stripLeft..stripRight, all rows.
+// Each lane's window sum times the divider for its pixel count (separate float steps: the
+// product, then + 0.5), truncated, cut to its low 16 bits and limited to 32768.
+inline void
+storeMeans(PF_Pixel16* pixel, Lanes sums, float reciprocal) {
+    const FloatLanes product = __builtin_convertvector(sums, FloatLanes) * reciprocal;
+    const FloatLanes rounded = product + 0.5f;
+    const Lanes low = __builtin_convertvector(rounded, Lanes) & 0xFFFF;
+    const Lanes limited = low > kFull ? Lanes{kFull, kFull, kFull, kFull} : low;
+    const Channels channels = __builtin_convertvector(limited, Channels);
+    std::memcpy(pixel, &channels, sizeof channels);
+}
+
+#if defined(__SSE2__)
+// storeMeans for two neighbouring pixels at once, their alphas taken from `alphas`. The 16-bit
+// results 0..65535 are moved to -32768..32767 so that the signed pack is exact, limited to
+// 32768 there (as 0) and moved back.
+inline void
+storeMeansPair(PF_Pixel16* pixels, Lanes first, Lanes second, float reciprocal,
+               const PF_Pixel16* alphas) {
+    const __m128 k = _mm_set1_ps(reciprocal);
+    const __m128 half = _mm_set1_ps(0.5f);
+    const __m128i low16 = _mm_set1_epi32(0xFFFF);
+    const __m128i bias = _mm_set1_epi32(32768);
+    const __m128 product0 = _mm_mul_ps(_mm_cvtepi32_ps(reinterpret_cast<__m128i>(first)), k);
+    const __m128 product1 = _mm_mul_ps(_mm_cvtepi32_ps(reinterpret_cast<__m128i>(second)), k);
+    const __m128i t0 = _mm_and_si128(_mm_cvttps_epi32(_mm_add_ps(product0, half)), low16);
+    const __m128i t1 = _mm_and_si128(_mm_cvttps_epi32(_mm_add_ps(product1, half)), low16);
+    __m128i packed = _mm_packs_epi32(_mm_sub_epi32(t0, bias), _mm_sub_epi32(t1, bias));
+    packed = _mm_min_epi16(packed, _mm_setzero_si128());
+    packed = _mm_xor_si128(packed, _mm_set1_epi16(static_cast<short>(0x8000)));
+    const __m128i alphaLanes = _mm_set_epi16(0, 0, 0, -1, 0, 0, 0, -1);
+    const __m128i source = _mm_loadu_si128(reinterpret_cast<const __m128i*>(alphas));
+    const __m128i result =
+        _mm_or_si128(_mm_and_si128(alphaLanes, source), _mm_andnot_si128(alphaLanes, packed));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(pixels), result);
+}
+#endif
+
+// Vertical window sums of one strip of columns: four lanes per column in pixel order (alpha,
+// red, green, blue); the alpha lane is summed along and never used.
+struct ColumnSums {
+    int32_t lane[4 * (kBlurStripColumns + 2 * kBlurMaxRadius)];
+};
+
+// The channels of pixels first..first + count - 1 as one run of 16-bit lanes.
+inline const A_u_short*
+lanes(const PF_Pixel16* row, A_long first) {
+    return &row[first].alpha;
+}
+
+// One box pass of the noise blur, a strip of columns at a time. The window sums are exact
+// integers, so sliding them down the rows and along each row gives the full windows' sums.
 struct BoxPass {
     const PF_LayerDef* in;
     PF_LayerDef* out;
@@ -61,48 +113,66 @@ struct BoxPass {
     const SegmentArray* segments;
     const float* reciprocal;
 
-    // Blurs columns a..b (inside the strip) of row y from the strip's column sums: a running
-    // horizontal sum over windows that shrink at the frame's sides.
-    void blurRun(const ColumnSums& sums, A_long base, A_long y, A_long rows, A_long a,
+    // Writes columns a..b of row y. col(x) points at column x's four lanes of vertical sums;
+    // rows is the height of row y's window. The row's window is slid along: its columns
+    // shrink at the frame's sides, where the divider changes with them. The four lanes are
+    // carried together so that the arithmetic runs lane-parallel; the alpha lane's result is
+    // replaced by the input pixel's alpha.
+    void blurRun(const int32_t* sums, A_long base, A_long y, A_long rows, A_long a,
                  A_long b) const {
         const PF_Pixel16* src = row16(in, y);
         PF_Pixel16* dst = row16(out, y);
         const A_long lastColumn = width - 1;
-        int32_t r = 0;
-        int32_t g = 0;
-        int32_t bl = 0;
-        A_long first = std::max<A_long>(a - radius, 0);
-        A_long last = std::min(a + radius, lastColumn);
-        for (A_long x = first; x <= last; ++x) {
-            r += sums.red[x - base];
-            g += sums.green[x - base];
-            bl += sums.blue[x - base];
+        auto col = [&](A_long x) { return loadLanes(sums + 4 * (x - base)); };
+        Lanes h = {0, 0, 0, 0};
+        for (A_long x = std::max<A_long>(a - radius, 0); x <= std::min(a + radius, lastColumn);
+             ++x) {
+            h += col(x);
         }
-        for (A_long x = a;;) {
-            const float k = reciprocal[rows * (last - first + 1)];
-            dst[x] =
-                PF_Pixel16{src[x].alpha, scaledMean(r, k), scaledMean(g, k), scaledMean(bl, k)};
-            if (++x > b) {
-                break;
-            }
+        auto emit = [&](A_long x, float k) {
+            storeMeans(&dst[x], h, k);
+            dst[x].alpha = src[x].alpha;
+        };
+        auto edgeStep = [&](A_long x) {
             if (x + radius <= lastColumn) {
-                last = x + radius;
-                r += sums.red[last - base];
-                g += sums.green[last - base];
-                bl += sums.blue[last - base];
+                h += col(x + radius);
             }
             if (x - radius - 1 >= 0) {
-                r -= sums.red[first - base];
-                g -= sums.green[first - base];
-                bl -= sums.blue[first - base];
-                first = x - radius;
+                h -= col(x - radius - 1);
             }
+            const A_long columns =
+                std::min(x + radius, lastColumn) - std::max<A_long>(x - radius, 0) + 1;
+            emit(x, reciprocal[rows * columns]);
+        };
+        emit(a, reciprocal[rows * (std::min(a + radius, lastColumn) -
+                                   std::max<A_long>(a - radius, 0) + 1)]);
+        A_long x = a + 1;
+        for (; x <= b && x <= radius; ++x) {
+            edgeStep(x);
+        }
+        // Windows wholly inside the frame: one column in, one out, a fixed divider.
+        const A_long fullEnd = std::min(b, lastColumn - radius);
+        const float k = reciprocal[rows * (2 * radius + 1)];
+#if defined(__SSE2__)
+        for (; x < fullEnd; x += 2) {
+            h += col(x + radius) - col(x - radius - 1);
+            const Lanes first = h;
+            h += col(x + 1 + radius) - col(x - radius);
+            storeMeansPair(&dst[x], first, h, k, &src[x]);
+        }
+#endif
+        for (; x <= fullEnd; ++x) {
+            h += col(x + radius) - col(x - radius - 1);
+            emit(x, k);
+        }
+        for (; x <= b; ++x) {
+            edgeStep(x);
         }
     }
 
     // The segments of row y that fall into the strip: blurred, or copied across a solid
     // interior. Segments are handled in slot order, so a later one overwrites an earlier.
-    void row(const ColumnSums& sums, A_long base, A_long y, A_long rows, A_long stripLeft,
+    void row(const int32_t* sums, A_long base, A_long y, A_long rows, A_long stripLeft,
              A_long stripRight) const {
         const int32_t count = segments->counts[y];
         const int32_t firstSlot = count == 0 ? 0 : 1;
@@ -148,25 +218,45 @@ struct BoxPass {
         const A_long a = std::max<A_long>(stripLeft - radius, 0);
         const A_long b = std::min(stripRight + radius, width - 1);
         const A_long base = stripLeft - radius;
-        for (A_long x = a; x <= b; ++x) {
-            sums.red[x - base] = 0;
-            sums.green[x - base] = 0;
-            sums.blue[x - base] = 0;
-        }
+        const A_long n = 4 * (b - a + 1);
+        int32_t* v = sums.lane + 4 * (a - base);
+        std::fill(v, v + n, 0);
         // Sums for the window of row -1: rows 0..radius - 1.
         for (A_long y = 0; y < std::min(radius, height); ++y) {
-            accumulateRow(sums, row16(in, y), base, a, b, 1);
+            const A_u_short* plus = lanes(row16(in, y), a);
+            for (A_long i = 0; i < n; ++i) {
+                v[i] += plus[i];
+            }
         }
         for (A_long y = 0; y < height; ++y) {
-            if (y + radius < height) {
-                accumulateRow(sums, row16(in, y + radius), base, a, b, 1);
+            const bool adds = y + radius < height;
+            const bool drops = y - radius - 1 >= 0;
+            const A_u_short* plus = adds ? lanes(row16(in, y + radius), a) : nullptr;
+            const A_u_short* minus = drops ? lanes(row16(in, y - radius - 1), a) : nullptr;
+            if (y + radius + 1 < height) {
+                // The row added next comes from memory: ask for it early.
+                const char* ahead =
+                    reinterpret_cast<const char*>(lanes(row16(in, y + radius + 1), a));
+                for (A_long i = 0; i < n * 2; i += 64) {
+                    __builtin_prefetch(ahead + i);
+                }
             }
-            if (y - radius - 1 >= 0) {
-                accumulateRow(sums, row16(in, y - radius - 1), base, a, b, -1);
+            if (adds && drops) {
+                for (A_long i = 0; i < n; ++i) {
+                    v[i] += static_cast<int32_t>(plus[i]) - static_cast<int32_t>(minus[i]);
+                }
+            } else if (adds) {
+                for (A_long i = 0; i < n; ++i) {
+                    v[i] += plus[i];
+                }
+            } else if (drops) {
+                for (A_long i = 0; i < n; ++i) {
+                    v[i] -= minus[i];
+                }
             }
             const A_long rows =
                 std::min(y + radius, height - 1) - std::max<A_long>(y - radius, 0) + 1;
-            row(sums, base, y, rows, stripLeft, stripRight);
+            row(sums.lane, base, y, rows, stripLeft, stripRight);
         }
     }
 
