@@ -13,7 +13,7 @@
 #include "AEFX_SuiteHandlerTemplate.h"
 #include "AEGP_SuiteHandler.h"
 
-#include "host/app_id.h"
+#include "image/frames.h"
 #include "host/handlers.h"
 #include "host/render.h"
 
@@ -51,7 +51,7 @@ About(PF_InData* in_data, PF_OutData* out_data, PF_ParamDef* /*params*/[],
 
     // The two host families format with their own sprintf; Premiere's text has a comma
     // before " v", the only difference between the two.
-    if (in_data->appl_id == APPL_ID_PREMIERE_PRO) {
+    if (in_data->appl_id == kPremiereProApplId) {
         in_data->utils->ansi.sprintf(out_data->return_msg, "%s, v%d.%d\r%s", ABOUT_DESCRIPTION,
                                      MAJOR_VERSION, MINOR_VERSION, ABOUT_TRAILER);
     } else {
@@ -75,7 +75,7 @@ GlobalSetup(PF_InData* in_data, PF_OutData* out_data, PF_ParamDef* /*params*/[],
                            PF_OutFlag2_PARAM_GROUP_START_COLLAPSED_FLAG |
                            PF_OutFlag2_REVEALS_ZERO_ALPHA;
 
-    if (in_data->appl_id == APPL_ID_PREMIERE_PRO) {
+    if (in_data->appl_id == kPremiereProApplId) {
         // Check-outs come at the render's pixel format, and the only format offered is 16-bit
         // ARGB. The results of these calls are ignored; a suite that cannot be acquired
         // throws. The scopers release the suites in reverse order on the way out.

@@ -14,7 +14,6 @@
 #include <algorithm>
 #include <cmath>
 
-#include "host/app_id.h"
 #include "host/params.h"
 #include "host/render.h"
 #include "image/container.h"
@@ -278,7 +277,7 @@ Render(PF_InData* in_data, PF_OutData* out_data, PF_ParamDef* params[], PF_Layer
     }
     clearDisposalList(&container->disposalList);
     DisposalList* list = &container->disposalList;
-    const bool premiere = in_data->appl_id == APPL_ID_PREMIERE_PRO;
+    const bool premiere = in_data->appl_id == kPremiereProApplId;
 
     // 2. Depth and sizing.
     bool outputIs8Bit = false;
