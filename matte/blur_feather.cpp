@@ -347,7 +347,26 @@ struct MarkedRows {
     }
 };
 
-// The feather's band and its averages, one strip of columns at a time.
+// Asks for row y's pixels first..first + count - 1 ahead of use (when the row exists).
+inline void
+prefetchRow(const PF_LayerDef* world, A_long y, A_long first, A_long count) {
+    if (y < 0 || y >= world->height) {
+        return;
+    }
+    const char* p = reinterpret_cast<const char*>(row16(world, y) + first);
+    for (A_long i = 0; i < 8 * count; i += 64) {
+        __builtin_prefetch(p + i);
+    }
+}
+
+// The feather, one strip of columns at a time, in one sweep down the frame: edge pixels are
+// found row by row; lastEdgeRow keeps, per column, the last row whose edge pixels reach that
+// column horizontally, so once rows up to y + r are scanned, row y is in the band wherever
+// that row is >= y - r. Row y's scratch pixels are then written whole (band mark or
+// transparent black) and its band pixels inside the limits averaged at once. The red mask is
+// only read here; the write-back comes after every strip, so every average sees the plane
+// as it was on entry.
+template <class Sum>
 struct Feather {
     PF_LayerDef* redMask;
     PF_LayerDef* scratch;
@@ -357,64 +376,27 @@ struct Feather {
     A_long lastRow;
     A_long radius;
     A_u_short target;
-
-    // An edge pixel has blue equal to the target and not all four edge-neighbours so.
-    // Precondition: 1 <= x <= width - 2 and 1 <= y <= lastRow - 1.
-    bool isEdge(const PF_Pixel16* up, const PF_Pixel16* here, const PF_Pixel16* down,
-                A_long x) const {
-        return here[x].blue == target &&
-               !(here[x - 1].blue == target && here[x + 1].blue == target && up[x].blue == target &&
-                 down[x].blue == target);
-    }
-
-    // Writes the scratch rows of the frame for columns stripLeft..stripRight: the band mark
-    // (alpha and red 30000) within the radius of an edge pixel, transparent black elsewhere.
-    // Edges are found one row at a time; lastEdgeRow keeps, per column, the last row whose
-    // edges reach that column horizontally, so row y is marked where that row is >= y - r
-    // once the rows up to y + r have been scanned.
-    void markStrip(A_long stripLeft, A_long stripRight, A_long* lastEdgeRow,
-                   MarkedRows& marked) const {
-        const A_long columns = stripRight - stripLeft + 1;
-        std::fill(lastEdgeRow, lastEdgeRow + columns, kNeverMarked);
-        const A_long edgeTop = std::max<A_long>(1, limits->firstRow);
-        const A_long edgeBottom = std::min<A_long>(height - 2, limits->lastRow);
-        for (A_long s = 0; s <= lastRow + radius; ++s) {
-            if (s >= edgeTop && s <= edgeBottom) {
-                scanEdges(s, stripLeft, stripRight, lastEdgeRow);
-            }
-            const A_long y = s - radius;
-            if (y < 0 || y > lastRow) {
-                continue;
-            }
-            PF_Pixel16* out = row16(scratch, y);
-            bool any = false;
-            for (A_long i = 0; i < columns; ++i) {
-                const bool mark = lastEdgeRow[i] >= y - radius;
-                any |= mark;
-                out[stripLeft + i] = mark ? PF_Pixel16{kFeatherBandMark, kFeatherBandMark, 0, 0}
-                                          : PF_Pixel16{0, 0, 0, 0};
-            }
-            if (any) {
-                marked.set(y);
-            }
-        }
-    }
+    A_long sumLeft;                                  // first column some row's limits cover
+    A_long sumRight;                                 // last such column
+    mutable A_long lastScanRecorded = kNeverMarked;  // last row whose edges reached the strip
 
     // Records row s in lastEdgeRow for every strip column within the radius of one of the
-    // row's edge pixels.
+    // row's edge pixels: blue equal to the target with not all four edge-neighbours so.
+    // Edge pixels lie in columns 1..width - 2 of rows 1..height - 2, inside the limits.
     void scanEdges(A_long s, A_long stripLeft, A_long stripRight, A_long* lastEdgeRow) const {
         const A_long left = std::max<A_long>({1, limits->left[s], stripLeft - radius});
         const A_long right = std::min<A_long>({width - 2, limits->right[s], stripRight + radius});
-        if (left > right) {
-            return;
-        }
         const PF_Pixel16* up = row16(redMask, s - 1);
         const PF_Pixel16* here = row16(redMask, s);
         const PF_Pixel16* down = row16(redMask, s + 1);
-        // Walk the edges in order; each one reaches columns e - r .. e + r.
         A_long reachedUpTo = stripLeft - 1;  // strip columns already recorded for row s
         for (A_long e = left; e <= right; ++e) {
-            if (!isEdge(up, here, down, e)) {
+            if (here[e].blue != target) {
+                continue;
+            }
+            const bool surrounded = (here[e - 1].blue == target) & (here[e + 1].blue == target) &
+                                    (up[e].blue == target) & (down[e].blue == target);
+            if (surrounded) {
                 continue;
             }
             const A_long from = std::max(e - radius, reachedUpTo + 1);
@@ -423,62 +405,187 @@ struct Feather {
                 lastEdgeRow[x - stripLeft] = s;
             }
             reachedUpTo = std::max(reachedUpTo, to);
+            lastScanRecorded = s;
         }
     }
 
-    // Sums of blue over the row's clamped window x - r .. x + r for x = a..b, added to
-    // (sign 1) or taken from (sign -1) acc[x - a]. The window is slid one column at a time.
-    void addRowWindows(const PF_Pixel16* row, A_long a, A_long b, int64_t* acc, int sign) const {
+    // Adds, for x = a..b, the blue sum of row `plus` over the clamped window x - r .. x + r,
+    // minus the same sum of row `minus` (when given), to acc[x - a]. Both windows are slid
+    // one column at a time; inside the frame without clamping.
+    void slideRows(const PF_Pixel16* plus, const PF_Pixel16* minus, A_long a, A_long b,
+                   Sum* acc) const {
         const A_long lastColumn = width - 1;
-        int64_t sum = 0;
+        int32_t hp = 0;
+        int32_t hm = 0;
         for (A_long d = -radius; d <= radius; ++d) {
-            sum += row[clampIndex(a + d, lastColumn)].blue;
-        }
-        for (A_long x = a;; ++x) {
-            acc[x - a] += sign * sum;
-            if (x == b) {
-                break;
+            hp += plus[clampIndex(a + d, lastColumn)].blue;
+            if (minus != nullptr) {
+                hm += minus[clampIndex(a + d, lastColumn)].blue;
             }
-            sum += row[clampIndex(x + 1 + radius, lastColumn)].blue;
-            sum -= row[clampIndex(x - radius, lastColumn)].blue;
+        }
+        auto edgeStep = [&](A_long x) {  // from x - 1 to x, clamped
+            const A_long in = clampIndex(x + radius, lastColumn);
+            const A_long out = clampIndex(x - radius - 1, lastColumn);
+            hp += plus[in].blue - plus[out].blue;
+            if (minus != nullptr) {
+                hm += minus[in].blue - minus[out].blue;
+            }
+            acc[x - a] += hp - hm;
+        };
+        acc[0] += hp - hm;
+        A_long x = a + 1;
+        for (; x <= b && x - radius - 1 < 0; ++x) {
+            edgeStep(x);
+        }
+        const A_long fullEnd = std::min(b, lastColumn - radius);
+        if (minus != nullptr) {
+            for (; x <= fullEnd; ++x) {
+                hp += plus[x + radius].blue - plus[x - radius - 1].blue;
+                hm += minus[x + radius].blue - minus[x - radius - 1].blue;
+                acc[x - a] += hp - hm;
+            }
+        } else {
+            for (; x <= fullEnd; ++x) {
+                hp += plus[x + radius].blue - plus[x - radius - 1].blue;
+                acc[x - a] += hp;
+            }
+        }
+        for (; x <= b; ++x) {
+            edgeStep(x);
         }
     }
 
-    // Averages the band pixels inside the limits of rows top..bottom, columns a..b, from the
-    // red mask as it was on entry. sums[x - a] holds the window sum of row `valid`; it is
-    // moved down a row at a time, or rebuilt when the next row wanted is far below.
-    void averageStrip(A_long a, A_long b, int64_t* sums, const MarkedRows& marked) const {
+    // Brings sums (columns a..b) to the window of row y: slid down from row `valid` when that
+    // is at most maxStep rows up, else rebuilt from the 2r + 1 rows, border rows repeated.
+    void windowSums(A_long y, A_long& valid, A_long maxStep, A_long a, A_long b, Sum* sums) const {
+        if (valid != INT32_MIN && y - valid <= maxStep) {
+            for (A_long v = valid + 1; v <= y; ++v) {
+                slideRows(row16(redMask, std::min(v + radius, lastRow)),
+                          row16(redMask, std::max<A_long>(v - radius - 1, 0)), a, b, sums);
+            }
+        } else {
+            std::fill(sums, sums + (b - a + 1), 0);
+            for (A_long d = -radius; d <= radius; ++d) {
+                slideRows(row16(redMask, clampIndex(y + d, lastRow)), nullptr, a, b, sums);
+            }
+        }
+        valid = y;
+    }
+
+    // writeBehind: the strip is the whole frame width, so each row can be written back into
+    // the red mask as soon as no later window or edge test reads it (2r + 1 rows behind the
+    // band). Otherwise writeBack runs after every strip is done.
+    void sweepStrip(A_long stripLeft, A_long stripRight, A_long* lastEdgeRow, Sum* sums,
+                    MarkedRows& marked, bool writeBehind) const {
+        const A_long columns = stripRight - stripLeft + 1;
+        std::fill(lastEdgeRow, lastEdgeRow + columns, kNeverMarked);
+        const A_long edgeTop = std::max<A_long>(1, limits->firstRow);
+        const A_long edgeBottom = std::min<A_long>(height - 2, limits->lastRow);
         const A_long top = std::max<A_long>(limits->firstRow, 0);
         const A_long bottom = std::min<A_long>(limits->lastRow, lastRow);
+        // Window sums are kept for the strip's columns that some row's limits cover.
+        const A_long a = std::max(sumLeft, stripLeft);
+        const A_long b = std::min(sumRight, stripRight);
         const float area = static_cast<float>((2 * radius + 1) * (2 * radius + 1));
+        const PF_Pixel16 bandPixel{kFeatherBandMark, kFeatherBandMark, 0, 0};
+        uint64_t band = 0;
+        std::memcpy(&band, &bandPixel, sizeof band);
         A_long valid = INT32_MIN;
-        for (A_long y = top; y <= bottom; ++y) {
+        // Sliding the sums over skipped rows would read rows written back meanwhile.
+        const A_long maxStep = writeBehind ? 1 : radius;
+
+        // Row y's scratch pixels, and the averages of its band pixels inside the limits.
+        auto bandRow = [&](A_long y) {
+            PF_Pixel16* out = row16(scratch, y);
+            uint64_t* words = reinterpret_cast<uint64_t*>(out + stripLeft);
+            if (lastScanRecorded < y - radius) {
+                std::fill(words, words + columns, uint64_t{0});
+                return;
+            }
+            for (A_long i = 0; i < columns; ++i) {
+                words[i] = lastEdgeRow[i] >= y - radius ? band : 0;
+            }
+            marked.set(y);
             const A_long left = std::max<A_long>(limits->left[y], a);
             const A_long right = std::min<A_long>(limits->right[y], b);
-            if (!marked.get(y) || left > right) {
-                continue;
+            if (y < top || y > bottom || left > right) {
+                return;
             }
-            if (valid != INT32_MIN && y - valid <= radius) {
-                for (A_long v = valid + 1; v <= y; ++v) {
-                    addRowWindows(row16(redMask, std::min(v + radius, lastRow)), a, b, sums, 1);
-                    addRowWindows(row16(redMask, std::max<A_long>(v - radius - 1, 0)), a, b, sums,
-                                  -1);
-                }
-            } else {
-                std::fill(sums, sums + (b - a + 1), 0);
-                for (A_long d = -radius; d <= radius; ++d) {
-                    addRowWindows(row16(redMask, clampIndex(y + d, lastRow)), a, b, sums, 1);
-                }
+            windowSums(y, valid, maxStep, a, b, sums);
+            averageRow(out, sums, a, left, right, area);
+        };
+
+        for (A_long s = 0; s <= lastRow + radius; ++s) {
+            // Rows reached next come from memory: ask for them early. The edge test reads row
+            // s + 2 next; the window sums and the write-back reach back 2r + 1 rows.
+            prefetchRow(redMask, s + 2, stripLeft, columns);
+            prefetchRow(redMask, s - 2 * radius, stripLeft, columns);
+            if (writeBehind) {
+                prefetchRow(scratch, s - 2 * radius, stripLeft, columns);
             }
-            valid = y;
-            PF_Pixel16* out = row16(scratch, y);
-            for (A_long x = left; x <= right; ++x) {
-                if (out[x].alpha == kFeatherBandMark) {
-                    // The exact sum becomes a float once; the division rounds down.
-                    const float mean = static_cast<float>(sums[x - a]) / area;
-                    const auto low = static_cast<A_u_short>(static_cast<int32_t>(mean));
-                    out[x].blue = std::min(low, kFull);
+            if (s >= edgeTop && s <= edgeBottom) {
+                scanEdges(s, stripLeft, stripRight, lastEdgeRow);
+            }
+            if (s - radius >= 0) {
+                bandRow(s - radius);
+            }
+            if (writeBehind && s - 2 * radius - 1 >= 0) {
+                writeBackRow(s - 2 * radius - 1, marked);
+            }
+        }
+        if (writeBehind) {
+            for (A_long y = std::max<A_long>(lastRow - radius, 0); y <= lastRow; ++y) {
+                writeBackRow(y, marked);
+            }
+        }
+    }
+
+    // The band pixels of columns left..right get blue = the window sum (sums[x - first]) as
+    // a float, divided by the window's area, truncated, cut to 16 bits, limited to 32768.
+    // With 32-bit sums four columns are divided at once.
+    static void averageRow(PF_Pixel16* out, const Sum* sums, A_long first, A_long left,
+                           A_long right, float area) {
+        auto mean = [&](Sum sum) {
+            const float m = static_cast<float>(sum) / area;
+            return std::min(static_cast<A_u_short>(static_cast<int32_t>(m)), kFull);
+        };
+        A_long x = left;
+        if constexpr (sizeof(Sum) == sizeof(int32_t)) {
+            for (; x + 3 <= right; x += 4) {
+                const bool m0 = out[x].alpha == kFeatherBandMark;
+                const bool m1 = out[x + 1].alpha == kFeatherBandMark;
+                const bool m2 = out[x + 2].alpha == kFeatherBandMark;
+                const bool m3 = out[x + 3].alpha == kFeatherBandMark;
+                if (!(m0 | m1 | m2 | m3)) {
+                    continue;
                 }
+                const FloatLanes quotient =
+                    __builtin_convertvector(loadLanes(sums + (x - first)), FloatLanes) / area;
+                const Lanes low = __builtin_convertvector(quotient, Lanes) & 0xFFFF;
+                const Lanes means = low > kFull ? Lanes{kFull, kFull, kFull, kFull} : low;
+                if (m0) out[x].blue = static_cast<A_u_short>(means[0]);
+                if (m1) out[x + 1].blue = static_cast<A_u_short>(means[1]);
+                if (m2) out[x + 2].blue = static_cast<A_u_short>(means[2]);
+                if (m3) out[x + 3].blue = static_cast<A_u_short>(means[3]);
+            }
+        }
+        for (; x <= right; ++x) {
+            if (out[x].alpha == kFeatherBandMark) {
+                out[x].blue = mean(sums[x - first]);
+            }
+        }
+    }
+
+    void writeBackRow(A_long y, const MarkedRows& marked) const {
+        if (!marked.get(y)) {
+            return;
+        }
+        const PF_Pixel16* bandRow = row16(scratch, y);
+        PF_Pixel16* out = row16(redMask, y);
+        for (A_long x = 0; x < width; ++x) {
+            if (bandRow[x].alpha == kFeatherBandMark) {
+                out[x].blue = bandRow[x].blue;
+                out[x].alpha = kFull;
             }
         }
     }
@@ -488,17 +595,34 @@ struct Feather {
             if (!marked.get(y)) {
                 continue;
             }
-            const PF_Pixel16* band = row16(scratch, y);
+            const PF_Pixel16* bandRow = row16(scratch, y);
             PF_Pixel16* out = row16(redMask, y);
             for (A_long x = 0; x < width; ++x) {
-                if (band[x].alpha == kFeatherBandMark) {
-                    out[x].blue = band[x].blue;
+                if (bandRow[x].alpha == kFeatherBandMark) {
+                    out[x].blue = bandRow[x].blue;
                     out[x].alpha = kFull;
                 }
             }
         }
     }
 };
+
+template <class Sum>
+void
+runFeather(const Feather<Sum>& feather) {
+    MarkedRows marked{};
+    A_long lastEdgeRow[kFeatherStripColumns];
+    Sum sums[kFeatherStripColumns];
+    const bool oneStrip = feather.width <= kFeatherStripColumns;
+    for (A_long left = 0; left < feather.width; left += kFeatherStripColumns) {
+        feather.lastScanRecorded = kNeverMarked;
+        feather.sweepStrip(left, std::min(left + kFeatherStripColumns, feather.width) - 1,
+                           lastEdgeRow, sums, marked, oneStrip);
+    }
+    if (!oneStrip) {
+        feather.writeBack(marked);
+    }
+}
 
 }  // namespace
 
@@ -514,39 +638,30 @@ boxblur_RedmaskEdgeBlue(PF_InData* /*in_data*/, PF_LayerDef* redMask, int width,
         clearWorldToTransparentBlack(scratch);
         return;
     }
-    const Feather feather{redMask, scratch, limits, width,
-                          height,  lastRow, radius, static_cast<A_u_short>(blurBlack ? 0 : kFull)};
-
-    // The whole scratch world is cleared; the frame's part is written with the band marks.
+    // Only the columns some row's limits cover need window sums.
+    A_long sumLeft = width;
+    A_long sumRight = -1;
+    for (A_long y = std::max<A_long>(limits->firstRow, 0);
+         y <= std::min<A_long>(limits->lastRow, lastRow); ++y) {
+        if (limits->left[y] <= limits->right[y]) {
+            sumLeft = std::min<A_long>(sumLeft, std::max<A_long>(limits->left[y], 0));
+            sumRight = std::max<A_long>(sumRight, std::min<A_long>(limits->right[y], width - 1));
+        }
+    }
+    const A_u_short target = blurBlack ? 0 : kFull;
+    // The whole scratch world is cleared: the frame's part is written by the sweeps.
     for (A_long y = 0; y < scratch->height; ++y) {
         PF_Pixel16* out = row16(scratch, y);
         const A_long from = y <= lastRow ? width : 0;
         std::fill(out + std::min<A_long>(from, scratch->width), out + scratch->width,
                   PF_Pixel16{0, 0, 0, 0});
     }
-    MarkedRows marked{};
-    {
-        A_long lastEdgeRow[kFeatherStripColumns];
-        for (A_long left = 0; left < width; left += kFeatherStripColumns) {
-            feather.markStrip(left, std::min(left + kFeatherStripColumns, width) - 1, lastEdgeRow,
-                              marked);
-        }
+    // Window sums of up to 181 x 181 values of 65535 fit 32 bits.
+    if (radius <= 90) {
+        runFeather(Feather<int32_t>{redMask, scratch, limits, width, height, lastRow, radius,
+                                    target, sumLeft, sumRight});
+    } else {
+        runFeather(Feather<int64_t>{redMask, scratch, limits, width, height, lastRow, radius,
+                                    target, sumLeft, sumRight});
     }
-    {
-        // Only the columns some row's limits cover need window sums.
-        A_long a = width;
-        A_long b = -1;
-        for (A_long y = std::max<A_long>(limits->firstRow, 0);
-             y <= std::min<A_long>(limits->lastRow, lastRow); ++y) {
-            if (limits->left[y] <= limits->right[y]) {
-                a = std::min<A_long>(a, std::max<A_long>(limits->left[y], 0));
-                b = std::max<A_long>(b, std::min<A_long>(limits->right[y], width - 1));
-            }
-        }
-        int64_t sums[kFeatherStripColumns];
-        for (A_long left = a; left <= b; left += kFeatherStripColumns) {
-            feather.averageStrip(left, std::min(left + kFeatherStripColumns - 1, b), sums, marked);
-        }
-    }
-    feather.writeBack(marked);
 }
