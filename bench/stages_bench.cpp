@@ -12,6 +12,7 @@
 #include <cstring>
 #include <map>
 #include <memory>
+#include <numbers>
 #include <random>
 #include <string>
 #include <vector>
@@ -152,7 +153,7 @@ struct Scene {
         };
         // Strands leaving the subject's edge, one pixel wide, slowly bending.
         for (int i = 0; i < width / 5; ++i) {
-            double theta = uniform(-M_PI, M_PI);
+            double theta = uniform(-std::numbers::pi, std::numbers::pi);
             const double edge = 1.0 + 0.06 * std::sin(7 * theta) + 0.03 * std::sin(23 * theta + 1);
             double x = cx + std::cos(theta) * rx * edge, y = cy + std::sin(theta) * ry * edge;
             const double length = uniform(0.01, 0.05) * width;

@@ -5,6 +5,10 @@
 #include <cstdint>
 #include <cstring>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include "image/pixels.h"
 #include "matte/red_mask.h"
 
@@ -86,7 +90,29 @@ extractRow(const PF_Pixel16* px, A_long width, const BitRow& shape, Bits* spread
         const int n = static_cast<int>(std::min(kWordBits, width - i * kWordBits));
         Bits s = 0;
         Bits f = 0;
-        for (int j = 0; j < n; ++j) {
+        int j = 0;
+#if defined(__SSE2__)
+        // Two pixels per load. Each pixel's red-is-0 flag is moved onto its blue lane; a lane's
+        // flag is read from the sign bit of its high byte (bytes 7 and 15 hold the blues).
+        const __m128i zero = _mm_setzero_si128();
+        const __m128i full = _mm_set1_epi16(static_cast<short>(kBlueFull));
+        for (; j + 2 <= n; j += 2) {
+            const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + j));
+            const __m128i isZero = _mm_cmpeq_epi16(v, zero);
+            if constexpr (kGrow) {
+                const __m128i redZeroAtBlue = _mm_slli_epi64(isZero, 32);
+                const int ms = _mm_movemask_epi8(_mm_andnot_si128(isZero, redZeroAtBlue));
+                const int mf =
+                    _mm_movemask_epi8(_mm_and_si128(_mm_cmpeq_epi16(v, full), redZeroAtBlue));
+                s |= Bits((ms >> 7) & 1) << j | Bits((ms >> 15) & 1) << (j + 1);
+                f |= Bits((mf >> 7) & 1) << j | Bits((mf >> 15) & 1) << (j + 1);
+            } else {
+                const int mz = ~_mm_movemask_epi8(isZero);
+                s |= Bits((mz >> 7) & 1) << j | Bits((mz >> 15) & 1) << (j + 1);
+            }
+        }
+#endif
+        for (; j < n; ++j) {
             if constexpr (kGrow) {
                 s |= Bits{p[j].blue != 0 && p[j].red == 0} << j;
                 f |= Bits{p[j].blue == kBlueFull && p[j].red == 0} << j;
