@@ -3,7 +3,7 @@
 set -eu
 SUDO=""
 if [ "$(id -u)" != "0" ]; then SUDO="sudo"; fi
-PACKAGES="g++ make cmake pkg-config libgtest-dev libgmock-dev libbenchmark-dev"
+PACKAGES="g++ make cmake pkg-config libgtest-dev libgmock-dev libbenchmark-dev libopenimageio-dev nlohmann-json3-dev"
 PACKAGES="$PACKAGES ${QUORVANE_EXTRA_PACKAGES:-}"
 missing=""
 for p in $PACKAGES; do
