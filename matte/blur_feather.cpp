@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <climits>
 #include <cstdint>
+#include <bit>
 #include <cstring>
 
 #if defined(__SSE2__)
@@ -359,6 +360,16 @@ prefetchRow(const PF_LayerDef* world, A_long y, A_long first, A_long count) {
     }
 }
 
+// Words of edge-test bits kept per row: 16384 columns, a strip and its reach on each side.
+constexpr A_long kTargetBitWords = 256;
+
+// Per pixel of three consecutive rows, whether its blue equals the target, one bit per column
+// from a strip's first reachable column on.
+struct TargetBits {
+    uint64_t words[3][kTargetBitWords];
+    A_long rowOf[3];  // the row each slot holds, -1 when none
+};
+
 // The feather, one strip of columns at a time, in one sweep down the frame: edge pixels are
 // found row by row; lastEdgeRow keeps, per column, the last row whose edge pixels reach that
 // column horizontally, so once rows up to y + r are scanned, row y is in the band wherever
@@ -407,6 +418,84 @@ struct Feather {
             reachedUpTo = std::max(reachedUpTo, to);
             lastScanRecorded = s;
         }
+    }
+
+    // Row y's target bits for columns first..first + count - 1 (slot y % 3, made once).
+    const uint64_t* targetRow(TargetBits& bits, A_long y, A_long first, A_long count) const {
+        const A_long slot = y % 3;
+        uint64_t* words = bits.words[slot];
+        if (bits.rowOf[slot] == y) {
+            return words;
+        }
+        bits.rowOf[slot] = y;
+        const PF_Pixel16* p = row16(redMask, y) + first;
+#if defined(__SSE2__)
+        const __m128i wanted = _mm_set1_epi16(static_cast<short>(target));
+#endif
+        for (A_long i = 0; i * 64 < count; ++i) {
+            const PF_Pixel16* q = p + i * 64;
+            const int n = static_cast<int>(std::min<A_long>(64, count - i * 64));
+            uint64_t w = 0;
+            int j = 0;
+#if defined(__SSE2__)
+            // Two pixels per load; bytes 7 and 15 hold the high bytes of their blues.
+            for (; j + 2 <= n; j += 2) {
+                const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(q + j));
+                const int m = _mm_movemask_epi8(_mm_cmpeq_epi16(v, wanted));
+                w |= uint64_t((m >> 7) & 1) << j | uint64_t((m >> 15) & 1) << (j + 1);
+            }
+#endif
+            for (; j < n; ++j) {
+                w |= uint64_t{q[j].blue == target} << j;
+            }
+            words[i] = w;
+        }
+        return words;
+    }
+
+    // scanEdges on target bits: 64 edge tests at once. False when the strip's reach is too
+    // wide for the bit rows (then scanEdges is used).
+    bool scanEdgeBits(A_long s, A_long stripLeft, A_long stripRight, A_long* lastEdgeRow,
+                      TargetBits& bits) const {
+        const A_long first = std::max<A_long>(0, stripLeft - radius - 1);
+        const A_long last = std::min(width - 1, stripRight + radius + 1);
+        const A_long count = last - first + 1;
+        const A_long words = (count + 63) / 64;
+        if (words > kTargetBitWords) {
+            return false;
+        }
+        const A_long left = std::max<A_long>({1, limits->left[s], stripLeft - radius});
+        const A_long right = std::min<A_long>({width - 2, limits->right[s], stripRight + radius});
+        if (left > right) {
+            return true;
+        }
+        const uint64_t* up = targetRow(bits, s - 1, first, count);
+        const uint64_t* here = targetRow(bits, s, first, count);
+        const uint64_t* down = targetRow(bits, s + 1, first, count);
+        const A_long lo = left - first;  // bit positions of left..right
+        const A_long hi = right - first;
+        A_long reachedUpTo = stripLeft - 1;  // strip columns already recorded for row s
+        for (A_long i = lo / 64; i <= hi / 64; ++i) {
+            // Neighbours from the next bits; left..right never reach the range's ends.
+            const uint64_t l = (here[i] << 1) | (i > 0 ? here[i - 1] >> 63 : 0);
+            const uint64_t r = (here[i] >> 1) | (i + 1 < words ? here[i + 1] << 63 : 0);
+            const A_long from = std::max(lo, i * 64) - i * 64;
+            const A_long to = std::min(hi, i * 64 + 63) - i * 64;
+            const uint64_t span =
+                (to == 63 ? ~uint64_t{0} : (uint64_t{1} << (to + 1)) - 1) & (~uint64_t{0} << from);
+            for (uint64_t edges = here[i] & ~(l & r & up[i] & down[i]) & span; edges != 0;
+                 edges &= edges - 1) {
+                const A_long e = first + i * 64 + std::countr_zero(edges);
+                const A_long markFrom = std::max(e - radius, reachedUpTo + 1);
+                const A_long markTo = std::min(e + radius, stripRight);
+                for (A_long x = markFrom; x <= markTo; ++x) {
+                    lastEdgeRow[x - stripLeft] = s;
+                }
+                reachedUpTo = std::max(reachedUpTo, markTo);
+                lastScanRecorded = s;
+            }
+        }
+        return true;
     }
 
     // Adds, for x = a..b, the blue sum of row `plus` over the clamped window x - r .. x + r,
@@ -476,7 +565,8 @@ struct Feather {
     // the red mask as soon as no later window or edge test reads it (2r + 1 rows behind the
     // band). Otherwise writeBack runs after every strip is done.
     void sweepStrip(A_long stripLeft, A_long stripRight, A_long* lastEdgeRow, Sum* sums,
-                    MarkedRows& marked, bool writeBehind) const {
+                    TargetBits& bits, MarkedRows& marked, bool writeBehind) const {
+        bits.rowOf[0] = bits.rowOf[1] = bits.rowOf[2] = -1;
         const A_long columns = stripRight - stripLeft + 1;
         std::fill(lastEdgeRow, lastEdgeRow + columns, kNeverMarked);
         const A_long edgeTop = std::max<A_long>(1, limits->firstRow);
@@ -524,7 +614,9 @@ struct Feather {
                 prefetchRow(scratch, s - 2 * radius, stripLeft, columns);
             }
             if (s >= edgeTop && s <= edgeBottom) {
-                scanEdges(s, stripLeft, stripRight, lastEdgeRow);
+                if (!scanEdgeBits(s, stripLeft, stripRight, lastEdgeRow, bits)) {
+                    scanEdges(s, stripLeft, stripRight, lastEdgeRow);
+                }
             }
             if (s - radius >= 0) {
                 bandRow(s - radius);
@@ -613,11 +705,12 @@ runFeather(const Feather<Sum>& feather) {
     MarkedRows marked{};
     A_long lastEdgeRow[kFeatherStripColumns];
     Sum sums[kFeatherStripColumns];
+    TargetBits bits;
     const bool oneStrip = feather.width <= kFeatherStripColumns;
     for (A_long left = 0; left < feather.width; left += kFeatherStripColumns) {
         feather.lastScanRecorded = kNeverMarked;
         feather.sweepStrip(left, std::min(left + kFeatherStripColumns, feather.width) - 1,
-                           lastEdgeRow, sums, marked, oneStrip);
+                           lastEdgeRow, sums, bits, marked, oneStrip);
     }
     if (!oneStrip) {
         feather.writeBack(marked);

@@ -469,4 +469,25 @@ TEST(Feather, strips_of_a_wide_frame_join_without_seams) {
     }
 }
 
+TEST(Feather, a_radius_wider_than_the_edge_bit_rows_still_matches) {
+    // A strip whose reach (the strip and the radius each side) exceeds the edge-test bit rows
+    // takes the pixel-by-pixel edge test. One edge pixel, one limits column to average.
+    const int w = 20000;
+    const int h = 3;
+    OwnedWorld start(w, h);
+    start.set(kBlue, 10000, 1, 32768);
+    start.set(kBlue, 10001, 1, 20000);
+    auto limits = qtest::emptyLimits(1, 1);
+    limits->left[1] = 10000;
+    limits->right[1] = 10001;
+    OwnedWorld expected = start, actual = start;
+    OwnedWorld scratchA(w, h), scratchB(w, h);
+    plainFeather(expected, w, h, h - 1, 6200, false, *limits, scratchA);
+    feather(actual, 6200, false, *limits, scratchB);
+    EXPECT_TRUE(qtest::SameWorld(expected, actual));
+    EXPECT_TRUE(qtest::SameWorld(scratchA, scratchB));
+    EXPECT_EQ(0, actual.get(kBlue, 3800, 0));  // in the band, outside the limits
+    EXPECT_EQ(32768, actual.get(kAlpha, 3800, 0));
+}
+
 }  // namespace
