@@ -1,9 +1,9 @@
 #include "matte/blur_feather.h"
 
 #include <algorithm>
+#include <bit>
 #include <climits>
 #include <cstdint>
-#include <bit>
 #include <cstring>
 
 #if defined(__SSE2__)
@@ -21,23 +21,13 @@ constexpr float kLevelSigma[9] = {0.0f, 0.1f, 0.1f, 0.6f, 1.3f, 1.7f, 2.0f, 2.4f
 constexpr float kBoxCount = 3.0f;
 
 // Columns handled at once by the running sums; their per-column state lives on the stack
-// (64 KiB for the blur, 48 KiB for the feather). Whole rows of frames up to 4096 columns
+// (64 KiB for the blur, up to 60 KiB for the feather). Whole rows of frames up to 4096 columns
 // wide keep the reads sequential.
 constexpr A_long kBlurStripColumns = 4096;
 constexpr A_long kBlurMaxRadius = 4;
 constexpr A_long kFeatherStripColumns = 4096;
 
 constexpr A_u_short kFull = 32768;
-
-// A window sum times the divider for its pixel count, + 0.5, truncated, cut to 16 bits and
-// limited to 32768. The product and the sum are separate float steps.
-inline A_u_short
-scaledMean(int32_t sum, float reciprocal) {
-    const float product = static_cast<float>(sum) * reciprocal;
-    const float rounded = product + 0.5f;
-    const auto low = static_cast<A_u_short>(static_cast<int32_t>(rounded));
-    return std::min(low, kFull);
-}
 
 // Four 32-bit lanes, one per channel of a pixel, computed together.
 typedef int32_t Lanes __attribute__((vector_size(16)));
@@ -374,9 +364,9 @@ struct TargetBits {
 // found row by row; lastEdgeRow keeps, per column, the last row whose edge pixels reach that
 // column horizontally, so once rows up to y + r are scanned, row y is in the band wherever
 // that row is >= y - r. Row y's scratch pixels are then written whole (band mark or
-// transparent black) and its band pixels inside the limits averaged at once. The red mask is
-// only read here; the write-back comes after every strip, so every average sees the plane
-// as it was on entry.
+// transparent black) and its band pixels inside the limits averaged at once. Every average
+// and edge test reads the red mask as it was on entry: with one strip the write-back trails
+// 2r + 1 rows behind, where no later read reaches; with several it follows the last strip.
 template <class Sum>
 struct Feather {
     PF_LayerDef* redMask;
