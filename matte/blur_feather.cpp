@@ -144,16 +144,19 @@ struct BoxPass {
         // Windows wholly inside the frame: one column in, one out, a fixed divider.
         const A_long fullEnd = std::min(b, lastColumn - radius);
         const float k = reciprocal[rows * (2 * radius + 1)];
+        // Plain locals and walking pointers: the stores cannot then be taken to change them.
+        const int32_t* entering = sums + 4 * (x + radius - base);
+        const int32_t* leaving = sums + 4 * (x - radius - 1 - base);
 #if defined(__SSE2__)
-        for (; x < fullEnd; x += 2) {
-            h += col(x + radius) - col(x - radius - 1);
+        for (; x < fullEnd; x += 2, entering += 8, leaving += 8) {
+            h += loadLanes(entering) - loadLanes(leaving);
             const Lanes first = h;
-            h += col(x + 1 + radius) - col(x - radius);
+            h += loadLanes(entering + 4) - loadLanes(leaving + 4);
             storeMeansPair(&dst[x], first, h, k, &src[x]);
         }
 #endif
-        for (; x <= fullEnd; ++x) {
-            h += col(x + radius) - col(x - radius - 1);
+        for (; x <= fullEnd; ++x, entering += 4, leaving += 4) {
+            h += loadLanes(entering) - loadLanes(leaving);
             emit(x, k);
         }
         for (; x <= b; ++x) {
