@@ -64,8 +64,8 @@ storeMeansPair(PF_Pixel16* pixels, Lanes first, Lanes second, float reciprocal,
     const __m128 half = _mm_set1_ps(0.5f);
     const __m128i low16 = _mm_set1_epi32(0xFFFF);
     const __m128i bias = _mm_set1_epi32(32768);
-    const __m128 product0 = _mm_mul_ps(_mm_cvtepi32_ps(reinterpret_cast<__m128i>(first)), k);
-    const __m128 product1 = _mm_mul_ps(_mm_cvtepi32_ps(reinterpret_cast<__m128i>(second)), k);
+    const __m128 product0 = _mm_mul_ps(_mm_cvtepi32_ps(std::bit_cast<__m128i>(first)), k);
+    const __m128 product1 = _mm_mul_ps(_mm_cvtepi32_ps(std::bit_cast<__m128i>(second)), k);
     const __m128i t0 = _mm_and_si128(_mm_cvttps_epi32(_mm_add_ps(product0, half)), low16);
     const __m128i t1 = _mm_and_si128(_mm_cvttps_epi32(_mm_add_ps(product1, half)), low16);
     __m128i packed = _mm_packs_epi32(_mm_sub_epi32(t0, bias), _mm_sub_epi32(t1, bias));
