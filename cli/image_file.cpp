@@ -93,10 +93,20 @@ struct ChannelMap {
     int a = -1;
 };
 
+// The channel called `name`, or failing that the first called "<layer>.<name>" (an OpenEXR
+// file holding only layered channels); -1 when there is none.
 int
-channelNamed(const OIIO::ImageSpec& spec, const char* name) {
-    for (int c = 0; c < spec.nchannels; ++c) {
-        if (c < static_cast<int>(spec.channelnames.size()) && spec.channelnames[c] == name) {
+channelNamed(const OIIO::ImageSpec& spec, const std::string& name) {
+    const int count = std::min<int>(spec.nchannels, static_cast<int>(spec.channelnames.size()));
+    for (int c = 0; c < count; ++c) {
+        if (spec.channelnames[c] == name) {
+            return c;
+        }
+    }
+    for (int c = 0; c < count; ++c) {
+        const std::string& channel = spec.channelnames[c];
+        if (channel.size() > name.size() + 1 &&
+            channel.compare(channel.size() - name.size() - 1, std::string::npos, "." + name) == 0) {
             return c;
         }
     }
@@ -110,15 +120,18 @@ mapChannels(const OIIO::ImageSpec& spec) {
     const int r = channelNamed(spec, "R");
     const int g = channelNamed(spec, "G");
     const int b = channelNamed(spec, "B");
+    const int y = channelNamed(spec, "Y");
     if (r >= 0 && g >= 0 && b >= 0) {
         map = {r, g, b, channelNamed(spec, "A")};
+    } else if (y >= 0) {
+        map = {y, y, y, channelNamed(spec, "A")};
     } else if (n < 3) {
         // grey, or grey and alpha
         map = {0, 0, 0, n == 2 ? 1 : -1};
     } else {
         map = {0, 1, 2, n >= 4 ? 3 : -1};
     }
-    if (spec.alpha_channel >= 0 && spec.alpha_channel < n) {
+    if (map.a < 0 && spec.alpha_channel >= 0 && spec.alpha_channel < n) {
         map.a = spec.alpha_channel;
     }
     return map;
@@ -131,12 +144,13 @@ gatherRgba(const std::vector<T>& file, int fileChannels, int firstChannel, const
     rgba.resize(pixels * 4);
     const std::size_t stride = static_cast<std::size_t>(fileChannels);
     for (std::size_t i = 0; i < pixels; ++i) {
-        const T* p = &file[i * stride] - firstChannel;
+        // channel c of pixel i sits at i × stride + c − firstChannel
+        const std::size_t base = i * stride - static_cast<std::size_t>(firstChannel);
         T* q = &rgba[i * 4];
-        q[0] = p[map.r];
-        q[1] = p[map.g];
-        q[2] = p[map.b];
-        q[3] = map.a >= 0 ? p[map.a] : opaque;
+        q[0] = file[base + map.r];
+        q[1] = file[base + map.g];
+        q[2] = file[base + map.b];
+        q[3] = map.a >= 0 ? file[base + map.a] : opaque;
     }
 }
 

@@ -361,7 +361,7 @@ TEST(Command, errors_name_the_file_and_reason_and_leave_nothing_behind) {
     std::ofstream(dir / "in/plate.0004.png", std::ios::binary)
         .write(bytes.data(), static_cast<std::streamsize>(bytes.size() / 2));
     const clitest::Run run = runQuorvane("render " + in + " " + out + " -j 1 --frames 1-2,5,4");
-    EXPECT_EQ(run.status, 1);
+    EXPECT_EQ(run.status, 1) << run.err;
     EXPECT_TRUE(contains(run.err, "plate.0004.png: cannot read")) << run.err;
     EXPECT_EQ(dir.files("out"), (std::vector<std::string>{"c.0001.png", "c.0002.png"}));
     EXPECT_TRUE(noTemporaryFiles(dir));
@@ -381,6 +381,7 @@ TEST(Command, skip_existing_completes_a_killed_run) {
     const int pid = clitest::startQuorvane(args + " -q -j 1");
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
     while (!fs::exists(dir / "out/p.0001.png") && std::chrono::steady_clock::now() < deadline) {
+        ASSERT_EQ(::waitpid(pid, nullptr, WNOHANG), 0) << "the run ended before its first frame";
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
     ::kill(pid, SIGKILL);

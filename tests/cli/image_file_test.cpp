@@ -134,6 +134,18 @@ TEST(ImageFiles, grey_and_alphaless_files_become_rgba_with_straight_colours) {
     EXPECT_EQ(cli::readImage(dir / "rgb.tif").u16,
               (std::vector<std::uint16_t>{1000, 2000, 3000, 65535}));
 
+    // Channels found by name, also inside an OpenEXR layer.
+    {
+        auto out = OIIO::ImageOutput::create(dir / "layers.exr");
+        OIIO::ImageSpec spec(1, 1, 5, OIIO::TypeDesc::FLOAT);
+        spec.channelnames = {"Z", "beauty.R", "beauty.G", "beauty.B", "beauty.A"};
+        const float pixel[5] = {9.0f, 0.25f, 0.5f, 0.75f, 0.125f};
+        ASSERT_TRUE(out->open(dir / "layers.exr", spec) &&
+                    out->write_image(OIIO::TypeDesc::FLOAT, pixel) && out->close());
+        EXPECT_EQ(cli::readImage(dir / "layers.exr").f32,
+                  (std::vector<float>{0.25f, 0.5f, 0.75f, 0.125f}));
+    }
+
     // Colour under zero or partial alpha is neither premultiplied nor divided.
     Picture straight{
         .width = 2, .height = 1, .channels = 4, .u8 = {200, 100, 50, 0, 200, 100, 50, 64}};
