@@ -121,7 +121,9 @@ void
 BM_Render(benchmark::State& state, int w, int h, bool deep, Setting s)
 {
     Frames& f = frames(w, h);
-    Session session(plugin(), {.deep = deep, .source = deep ? f.deep.get() : f.eight.get()});
+    Session session(plugin(), {.deep = deep,
+                               .source = deep ? f.deep.get() : f.eight.get(),
+                               .checkInputWrites = false});
     session.start();
     session.setPopup(2, s.footage);
     session.setSlider(4, s.preClean);

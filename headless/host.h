@@ -57,6 +57,9 @@ struct SessionOptions {
     // in_data->time_step and time_scale; frame n is at time n × timeStep.
     A_long timeStep = 100;
     A_u_long timeScale = 2400;
+    // Keep a copy of the input layer during each command and count any write into it
+    // (Accounting::inputWrites). Tests want it; production renders skip the copy.
+    bool checkInputWrites = true;
 };
 
 // One control of the effect-controls panel.

@@ -211,7 +211,9 @@ Session::State::beginCommand(PF_Cmd cmd, PF_LayerDef* output, World* outputWorld
             input = World();
             return err;
         }
-        inputPristine = input.clone();
+        if (options.checkInputWrites) {
+            inputPristine = input.clone();
+        }
         paramCopies[0].u.ld = input.layer();
     }
     paramPtrs.resize(paramCopies.size());
@@ -234,7 +236,7 @@ Session::State::endCommand() {
     noneLayersOut = 0;
     if (!input.empty()) {
         checkGuard(input, "input layer");
-        if (!input.samePixels(inputPristine)) {
+        if (!inputPristine.empty() && !input.samePixels(inputPristine)) {
             ++acc.inputWrites;
         }
     }

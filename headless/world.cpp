@@ -1,8 +1,11 @@
 #include "headless/world.h"
 
 #include <cstring>
+#include <mutex>
 #include <stdexcept>
+#include <unordered_map>
 #include <utility>
+#include <vector>
 
 namespace quorvane::headless {
 
@@ -11,7 +14,74 @@ namespace {
 // First byte of row 0 inside the storage.
 constexpr std::size_t kHeadBytes = World::kGuardBytes;
 
+// Freed world storage, kept for the next world of the same size. A render makes the same
+// worlds frame after frame; memory fresh from the system would cost a page fault per page on
+// every frame, as it would in any host that did not reuse its buffers. Shared by all sessions
+// (the command renders on several threads); blocks beyond the cap go back to the system.
+// Sanitizer builds keep no blocks.
+class StoragePool {
+  public:
+    std::uint64_t* take(std::size_t words) {
+#if !defined(__SANITIZE_ADDRESS__)
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            auto it = free_.find(words);
+            if (it != free_.end() && !it->second.empty()) {
+                std::uint64_t* block = it->second.back();
+                it->second.pop_back();
+                held_ -= words;
+                return block;
+            }
+        }
+#endif
+        return new std::uint64_t[words];
+    }
+
+    void give(std::uint64_t* block, std::size_t words) {
+#if !defined(__SANITIZE_ADDRESS__)
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            if (held_ + words <= kMaxHeldWords) {
+                free_[words].push_back(block);
+                held_ += words;
+                return;
+            }
+        }
+#else
+        // Under AddressSanitizer every block goes back at once, so a write into a disposed
+        // world is caught.
+        (void)words;
+#endif
+        delete[] block;
+    }
+
+    ~StoragePool() {
+        for (auto& [words, blocks] : free_) {
+            for (std::uint64_t* block : blocks) {
+                delete[] block;
+            }
+        }
+    }
+
+  private:
+    static constexpr std::size_t kMaxHeldWords = (std::size_t{3} << 30) / 8;  // 3 GiB
+    std::mutex mutex_;
+    std::unordered_map<std::size_t, std::vector<std::uint64_t*>> free_;
+    std::size_t held_ = 0;
+};
+
+StoragePool&
+storagePool() {
+    static StoragePool pool;
+    return pool;
+}
+
 }  // namespace
+
+void
+World::StorageRelease::operator()(std::uint64_t* block) const {
+    storagePool().give(block, words);
+}
 
 World::World(A_long width, A_long height, bool deep) {
     if (width < 0 || height < 0) {
@@ -24,13 +94,20 @@ World::World(A_long width, A_long height, bool deep) {
     const std::size_t bytes =
         kHeadBytes + rowbytes * static_cast<std::size_t>(height) + kGuardBytes;
     storageBytes_ = bytes;
-    storage_.reset(new std::uint64_t[(bytes + 7) / 8]);
+    const std::size_t words = (bytes + 7) / 8;
+    storage_ = std::unique_ptr<std::uint64_t[], StorageRelease>(storagePool().take(words),
+                                                                StorageRelease{words});
     auto* base = reinterpret_cast<std::uint8_t*>(storage_.get());
-    std::memset(base, kMarker, bytes);
+    // Pixels zero, padding and guards the marker, each byte written once.
+    const std::size_t pixelRow = static_cast<std::size_t>(width) * pixel;
+    std::memset(base, kMarker, kHeadBytes);
     for (A_long y = 0; y < height; ++y) {
-        std::memset(base + kHeadBytes + rowbytes * static_cast<std::size_t>(y), 0,
-                    static_cast<std::size_t>(width) * pixel);
+        std::uint8_t* row = base + kHeadBytes + rowbytes * static_cast<std::size_t>(y);
+        std::memset(row, 0, pixelRow);
+        std::memset(row + pixelRow, kMarker, rowbytes - pixelRow);
     }
+    std::memset(base + kHeadBytes + rowbytes * static_cast<std::size_t>(height), kMarker,
+                bytes - kHeadBytes - rowbytes * static_cast<std::size_t>(height));
 
     layer_ = PF_LayerDef{};
     layer_.world_flags = PF_WorldFlag_WRITEABLE | (deep ? PF_WorldFlag_DEEP : 0);

@@ -79,8 +79,14 @@ class World {
     bool samePixels(const World& other) const;
 
   private:
+    // Gives a world's storage back to the host's pool of freed blocks.
+    struct StorageRelease {
+        std::size_t words;
+        void operator()(std::uint64_t* block) const;
+    };
+
     PF_LayerDef layer_{};
-    std::unique_ptr<std::uint64_t[]> storage_;
+    std::unique_ptr<std::uint64_t[], StorageRelease> storage_;
     std::size_t storageBytes_ = 0;
 };
 
