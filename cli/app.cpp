@@ -258,7 +258,6 @@ runRender(const Arguments& args) {
     }
 
     headless::Plugin plugin = loadPlugin(args);
-    ControlValues values;
     std::unique_ptr<ControlSet> controls;
     {
         headless::Session probe(plugin, {.family = request.family});

@@ -68,7 +68,8 @@ Host and frames:
   --downsample 1|2|3|4     a quick preview at 1/N size, as the host's resolution setting
   --depth auto|8|16        project depth (default auto: 8 for 8-bit files, else 16); output
                            files follow the input's type unless --depth is given
-  -j, --jobs N             frames rendered at once (default: one per processor)
+  -j, --jobs N             frames rendered at once (default: one per processor, fewer
+                           when memory is short)
   --skip-existing          keep outputs that exist: resumes an interrupted run
   --contact-sheet FILE     also write a before/after PNG (up to 6 frames, over a checkerboard)
   -q, --quiet              no progress and no summary; errors are still reported

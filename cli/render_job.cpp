@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -292,6 +293,36 @@ makePlan(const ControlSet& controls, const RenderRequest& request) {
     return plan;
 }
 
+// The memory available to new work, from /proc/meminfo; 0 when unknown.
+std::uint64_t
+availableMemory() {
+    std::ifstream meminfo("/proc/meminfo");
+    std::string key;
+    std::uint64_t kilobytes = 0;
+    std::string unit;
+    while (meminfo >> key >> kilobytes >> unit) {
+        if (key == "MemAvailable:") {
+            return kilobytes * 1024;
+        }
+    }
+    return 0;
+}
+
+// One job per processor, fewer when the memory would not hold them: a render holds about a
+// dozen 16-bit frames (its working worlds, check-outs and output) plus cached input frames.
+int
+defaultJobs(int width, int height) {
+    const int processors = static_cast<int>(std::max(1u, std::thread::hardware_concurrency()));
+    const std::uint64_t frame = static_cast<std::uint64_t>(width) * height * sizeof(PF_Pixel16);
+    const std::uint64_t perJob = frame * 16;
+    const std::uint64_t available = availableMemory();
+    if (available == 0 || perJob == 0) {
+        return processors;
+    }
+    const std::uint64_t fit = available * 3 / 4 / perJob;
+    return static_cast<int>(std::clamp<std::uint64_t>(fit, 1, processors));
+}
+
 }  // namespace
 
 int
@@ -354,9 +385,7 @@ renderSequence(const headless::Plugin& plugin, const ControlSet& controls,
         sheet = std::make_unique<ContactSheet>(plan.renders, plan.width, plan.height);
     }
 
-    int jobs = request.jobs > 0
-                   ? request.jobs
-                   : static_cast<int>(std::max(1u, std::thread::hardware_concurrency()));
+    int jobs = request.jobs > 0 ? request.jobs : defaultJobs(plan.width, plan.height);
     jobs = std::min<int>(jobs, static_cast<int>(plan.renders.size()));
     summary.jobs = jobs;
 
