@@ -281,7 +281,10 @@ runRender(const Arguments& args) {
                          summary.rendered, summary.rendered == 1 ? "" : "s", summary.seconds,
                          summary.seconds > 0 ? summary.rendered / summary.seconds : 0.0,
                          summary.jobs, summary.jobs == 1 ? "" : "s", request.output.c_str(),
-                         pixelTypeName(summary.outputType), summary.outputFormat.c_str());
+                         summary.outputBits > 0
+                             ? (std::to_string(summary.outputBits) + "-bit").c_str()
+                             : pixelTypeName(summary.outputType),
+                         summary.outputFormat.c_str());
             if (summary.skipped > 0) {
                 std::fprintf(stderr, "quorvane: kept %d existing output%s (--skip-existing)\n",
                              summary.skipped, summary.skipped == 1 ? "" : "s");

@@ -250,6 +250,10 @@ probeImage(const std::string& path) {
     header.channels = spec.nchannels;
     header.type = fileTypeOf(spec);
     header.format = in->format_name();
+    const int bits = spec.get_int_attribute("oiio:BitsPerSample", 0);
+    if (header.type == PixelType::U16 && bits > 8 && bits < 16) {
+        header.bitsPerSample = bits;
+    }
     if (header.width <= 0 || header.height <= 0 || header.channels <= 0) {
         throw fileError(path, "the image is empty");
     }
@@ -369,7 +373,7 @@ outputTypeFor(const OutputFormat& format, PixelType wanted) {
 
 void
 writeWorld(const std::string& path, const std::string& reportPath, const PF_LayerDef& world,
-           PixelType type, bool alpha, const Image* colours) {
+           PixelType type, bool alpha, const Image* colours, int bitsPerSample) {
     const int width = world.width;
     const int height = world.height;
     const int channels = alpha ? 4 : 3;
@@ -443,6 +447,9 @@ writeWorld(const std::string& path, const std::string& reportPath, const PF_Laye
     spec.attribute("oiio:UnassociatedAlpha", 1);
     if (alpha) {
         spec.alpha_channel = 3;
+    }
+    if (type == PixelType::U16 && bitsPerSample > 0) {
+        spec.attribute("oiio:BitsPerSample", bitsPerSample);
     }
     const void* data = type == PixelType::U8    ? static_cast<const void*>(u8.data())
                        : type == PixelType::U16 ? static_cast<const void*>(u16.data())

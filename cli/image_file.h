@@ -26,6 +26,8 @@ struct ImageHeader {
     int channels = 0;
     PixelType type = PixelType::U8;
     std::string format;  // OpenImageIO's format name: "png", "openexr", "tiff", ...
+    // Bits per channel of a 16-bit type that stores fewer (10-bit DPX), else 0.
+    int bitsPerSample = 0;
 };
 
 // Opens `path` and reads its header only. Throws a file error naming the path and the reason.
@@ -83,7 +85,7 @@ PixelType outputTypeFor(const OutputFormat& format, PixelType wanted);
 // world (8-bit files always take the world's); alpha always comes from the world. Throws a file
 // error naming `reportPath` (the name the user knows).
 void writeWorld(const std::string& path, const std::string& reportPath, const PF_LayerDef& world,
-                PixelType type, bool alpha, const Image* colours = nullptr);
+                PixelType type, bool alpha, const Image* colours = nullptr, int bitsPerSample = 0);
 
 // Writes an 8-bit RGB picture (for contact sheets). Throws a file error.
 void writeRgb8(const std::string& path, const std::string& reportPath, int width, int height,

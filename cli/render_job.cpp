@@ -124,6 +124,7 @@ struct Plan {
     bool deep = true;
     OutputFormat format;
     PixelType outputType = PixelType::U8;
+    int outputBits = 0;  // bits of a 10- or 12-bit input kept in the same format
     bool writeBackColours = false;
 };
 
@@ -286,6 +287,10 @@ makePlan(const ControlSet& controls, const RenderRequest& request) {
                              : request.depth == Depth::Eight ? PixelType::U8
                                                              : PixelType::U16;
     plan.outputType = outputTypeFor(plan.format, wanted);
+    if (plan.outputType == PixelType::U16 && request.depth == Depth::Auto &&
+        plan.format.name == plan.header.format) {
+        plan.outputBits = plan.header.bitsPerSample;
+    }
     // "Show result" returns the input's colours; from a 16-bit or float file they are written
     // back at the file's precision rather than the world's 15 bits.
     plan.writeBackColours =
@@ -357,6 +362,7 @@ renderSequence(const headless::Plugin& plugin, const ControlSet& controls,
     RenderSummary summary;
     summary.skipped = plan.skipped;
     summary.outputType = plan.outputType;
+    summary.outputBits = plan.outputBits;
     summary.outputFormat = plan.format.name;
     if (plan.renders.empty()) {
         return summary;
@@ -445,7 +451,7 @@ renderSequence(const headless::Plugin& plugin, const ControlSet& controls,
                     }
                     const std::shared_ptr<const Image> input = source.frame(frame);
                     writeWorld(temporary, path, world.layer(), plan.outputType, plan.format.alpha,
-                               plan.writeBackColours ? input.get() : nullptr);
+                               plan.writeBackColours ? input.get() : nullptr, plan.outputBits);
                     publish(temporary, path);
                     if (sheet) {
                         sheet->add(frame, *input, world.layer());

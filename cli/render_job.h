@@ -42,6 +42,7 @@ struct RenderSummary {
     int filesRead = 0;
     double seconds = 0;
     PixelType outputType = PixelType::U8;
+    int outputBits = 0;  // 10 or 12 when the output keeps such an input's bits, else 0
     std::string outputFormat;
 };
 

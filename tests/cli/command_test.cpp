@@ -201,6 +201,25 @@ TEST(Command, formats_round_trip_with_the_documented_conversions) {
         EXPECT_EQ(alpha, worldAlpha);
     }
 
+    // 10-bit DPX stays 10-bit, its colours as stored.
+    {
+        auto out = OIIO::ImageOutput::create(dir / "ten.dpx");
+        OIIO::ImageSpec spec(96, 64, 4, OIIO::TypeDesc::UINT16);
+        spec.attribute("oiio:BitsPerSample", 10);
+        const Picture deep = deepVariant(p8, OIIO::TypeDesc::UINT16);
+        ASSERT_TRUE(out->open(dir / "ten.dpx", spec) &&
+                    out->write_image(OIIO::TypeDesc::UINT16, deep.u16.data()) && out->close());
+        render("ten.dpx", "ten-out.dpx", "");
+        auto in = OIIO::ImageInput::open(dir / "ten-out.dpx");
+        ASSERT_TRUE(in);
+        EXPECT_EQ(in->spec().get_int_attribute("oiio:BitsPerSample"), 10);
+        const Picture before = clitest::readPicture(dir / "ten.dpx");
+        const Picture after = clitest::readPicture(dir / "ten-out.dpx");
+        for (std::size_t i = 0; i < before.size(); i += 4) {
+            ASSERT_EQ(after.u16[i], before.u16[i]) << i;  // red
+        }
+    }
+
     // No alpha: opaque; grey: grey RGB. JPEG takes only the colour-info view.
     Picture rgb{.width = 96, .height = 64, .channels = 3};
     for (std::size_t i = 0; i < p8.size() / 4; ++i) {
