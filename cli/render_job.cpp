@@ -411,8 +411,11 @@ renderSequence(const headless::Plugin& plugin, const ControlSet& controls,
 
     auto worker = [&]() {
         try {
-            headless::Session session(
-                plugin, {.family = request.family, .deep = plan.deep, .source = &source});
+            // No copy of the input layer per command: that check is for tests of the effect.
+            headless::Session session(plugin, {.family = request.family,
+                                               .deep = plan.deep,
+                                               .source = &source,
+                                               .checkInputWrites = false});
             const PF_Err started = session.start();
             if (started != PF_Err_NONE) {
                 throw CliError("the effect's set-up failed (error " + std::to_string(started) +
