@@ -1,6 +1,7 @@
 #include "matte/red_mask.h"
 
 #include <memory>
+#include <random>
 
 #include <gtest/gtest.h>
 
@@ -118,6 +119,85 @@ TEST(FillLimits, frame_taller_than_the_table_writes_nothing_past_it) {
     // A row past the table would land its left (0) in the start of `right`.
     for (int y = 0; y < 40; ++y) EXPECT_EQ(guarded->limits.right[y], 2) << y;
     for (int32_t g : guarded->guard) EXPECT_EQ(g, 0x5A5A5A5A);
+}
+
+namespace {
+
+// The literal limits: every column of every row is looked at.
+void
+literalLimits(const OwnedWorld& alpha, FillLimitsArray* limits, uint16_t threshold) {
+    for (int y = 0; y < FILL_LIMITS_MAX_ROWS; ++y) limits->left[y] = limits->right[y] = 0;
+    limits->firstRow = 0;
+    limits->lastRow = alpha.height() - 1;
+    const int level = std::min<int>(threshold, 10);
+    bool first = true;
+    for (int y = 0; y < alpha.height(); ++y) {
+        bool foundLeft = false;
+        int last = 0;
+        for (int x = 0; x < alpha.width(); ++x) {
+            if (alpha.get(kAlpha, x, y) >= level) {
+                if (!foundLeft) limits->left[y] = x;
+                foundLeft = true;
+                last = x;
+            }
+        }
+        if (last > 0) {
+            limits->right[y] = last;
+            if (first) limits->firstRow = y;
+            first = false;
+            limits->lastRow = y;
+        }
+    }
+}
+
+}  // namespace
+
+TEST(FillLimits, matches_the_whole_row_scan_on_random_sparse_mattes) {
+    for (uint32_t seed = 1; seed <= 40; ++seed) {
+        std::mt19937 rng(seed);
+        const int w = 1 + static_cast<int>(rng() % 40), h = 1 + static_cast<int>(rng() % 12);
+        const int density = static_cast<int>(rng() % 12);
+        OwnedWorld alpha = qtest::randomWorld(w, h, seed, [&](std::mt19937& g, qtest::Channel c) {
+            if (c != kAlpha) return static_cast<uint16_t>(g());
+            return static_cast<uint16_t>(static_cast<int>(g() % 100) < density ? g() % 30 : 0);
+        });
+        const uint16_t threshold = static_cast<uint16_t>(rng() % 14);
+        auto expected = staleLimits();
+        literalLimits(alpha, expected.get(), threshold);
+        auto actual = staleLimits();
+        populateAndInitialise_FillLimitsFromIncomingAlpha(alpha, actual.get(), threshold);
+        ASSERT_EQ(actual->firstRow, expected->firstRow) << seed;
+        ASSERT_EQ(actual->lastRow, expected->lastRow) << seed;
+        for (int y = 0; y < FILL_LIMITS_MAX_ROWS; ++y) {
+            ASSERT_EQ(actual->left[y], expected->left[y]) << seed << " row " << y;
+            ASSERT_EQ(actual->right[y], expected->right[y]) << seed << " row " << y;
+        }
+    }
+}
+
+TEST(AlphaCopies, match_the_per_channel_copy_on_random_worlds) {
+    const auto any = [](std::mt19937& g, qtest::Channel c) {
+        return static_cast<uint16_t>(c == kAlpha && g() % 3 == 0 ? g() % 7 : g());
+    };
+    for (uint32_t seed = 1; seed <= 10; ++seed) {
+        const OwnedWorld from = qtest::randomWorld(13, 5, seed, any);
+        const OwnedWorld to = qtest::randomWorld(13, 5, seed + 100, any);
+        OwnedWorld plain(to), zeroing(to), expectPlain(to), expectZeroing(to);
+        copyAlphasFromWorldToWorld(const_cast<OwnedWorld&>(from), plain, 11, 4);
+        copyAlphasFromWorldToWorldZeroing1to4ForFlags(const_cast<OwnedWorld&>(from), zeroing, 11,
+                                                      4);
+        for (int y = 0; y < 4; ++y) {
+            for (int x = 0; x < 11; ++x) {
+                const uint16_t a = from.get(kAlpha, x, y);
+                expectPlain.set(kAlpha, x, y, a);
+                expectZeroing.set(kAlpha, x, y, a < 5 ? 0 : a);
+            }
+        }
+        EXPECT_TRUE(qtest::SameWorld(expectPlain, plain)) << seed;
+        EXPECT_TRUE(qtest::SameWorld(expectZeroing, zeroing)) << seed;
+        EXPECT_TRUE(plain.paddingIntact());
+        EXPECT_TRUE(zeroing.paddingIntact());
+    }
 }
 
 TEST(AlphaCopies, copy_alpha_only_inside_the_given_size) {
