@@ -1,6 +1,11 @@
 #include "matte/flood_fill.h"
 
+#include <emmintrin.h>
+
 #include <algorithm>
+#include <bit>
+#include <cstddef>
+#include <cstdint>
 #include <cstdlib>
 
 #include "image/pixels.h"
@@ -46,6 +51,110 @@ countSpanEnd(FillTag* tag, const PF_Pixel16& pixel) {
     }
 }
 
+// Pixel channels as 16-bit lanes of a pixel: alpha 0, red 1, green 2, blue 3.
+constexpr int kRedLane = 1;
+constexpr int kGreenLane = 2;
+
+inline unsigned short
+lane(const PF_Pixel16& p, int channel) {
+    return channel == 0 ? p.alpha : channel == 1 ? p.red : channel == 2 ? p.green : p.blue;
+}
+
+// The first column in x..last (inclusive) of the row whose channel holds `value`, or last + 1.
+// Four pixels are compared per step; each call reads the row as it is in memory, so writes
+// made between calls are seen.
+template <int kChannel>
+inline int
+findInRow(const PF_Pixel16* row, int x, int last, unsigned short value) {
+    const __m128i want = _mm_set1_epi16(static_cast<short>(value));
+    // Mask bits of the channel's two bytes in the first and the second pixel of a load.
+    constexpr int kFirst = 3 << (2 * kChannel);
+    constexpr int kSecond = kFirst << 8;
+    for (; x + 3 <= last; x += 4) {
+        const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(row + x));
+        const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(row + x + 2));
+        const int ma = _mm_movemask_epi8(_mm_cmpeq_epi16(a, want)) & (kFirst | kSecond);
+        const int mb = _mm_movemask_epi8(_mm_cmpeq_epi16(b, want)) & (kFirst | kSecond);
+        if ((ma | mb) != 0) {
+            if (ma != 0) {
+                return (ma & kFirst) != 0 ? x : x + 1;
+            }
+            return (mb & kFirst) != 0 ? x + 2 : x + 3;
+        }
+    }
+    for (; x <= last; ++x) {
+        if (lane(row[x], kChannel) == value) {
+            return x;
+        }
+    }
+    return last + 1;
+}
+
+// A pixel as one little-endian 64-bit word: alpha in bits 0..15, red 16..31.
+static_assert(sizeof(PF_Pixel16) == sizeof(uint64_t) && offsetof(PF_Pixel16, alpha) == 0 &&
+              offsetof(PF_Pixel16, red) == 2);
+static_assert(std::endian::native == std::endian::little);
+
+// Sets red = label and alpha = 32768 on columns left..right of the row.
+inline void
+paintSpan(PF_Pixel16* row, int left, int right, unsigned short label) {
+    const uint64_t bits = (static_cast<uint64_t>(label) << 16) | kFull16;
+    for (int c = left; c <= right; ++c) {
+        const uint64_t w = std::bit_cast<uint64_t>(row[c]);
+        row[c] = std::bit_cast<PF_Pixel16>((w & ~uint64_t{0xFFFFFFFF}) | bits);
+    }
+}
+
+// Sets alpha = 32768 on columns 0..width - 1 of the row.
+inline void
+setRowAlphasFull(PF_Pixel16* row, int width) {
+    for (int c = 0; c < width; ++c) {
+        const uint64_t w = std::bit_cast<uint64_t>(row[c]);
+        row[c] = std::bit_cast<PF_Pixel16>((w & ~uint64_t{0xFFFF}) | kFull16);
+    }
+}
+
+// The sideways expansion: left and right of the run of target pixels around (x, y), with the
+// limit pixel left out where a walk reaches it unstopped; left = right = x (an empty span) when
+// the start pixel itself fails.
+template <bool kStopAtZeroAlpha>
+inline void
+expandSpan(Seed* seed, const PF_LayerDef* alphaWorld, const PF_LayerDef* redMask,
+           unsigned short target, const FillLimitsArray* limits) {
+    const int x = seed->x;
+    const int y = seed->y;
+    seed->left = x;
+    seed->right = x;
+    if (y < limits->firstRow || y > limits->lastRow) {
+        return;
+    }
+    const int lo = limits->left[y];
+    const int hi = limits->right[y];
+    if (x < lo || x > hi) {
+        return;
+    }
+    const PF_Pixel16* redRow = row16(redMask, y);
+    const PF_Pixel16* alphaRow = row16(alphaWorld, y);
+    const auto stops = [&](int c) {
+        return (kStopAtZeroAlpha && alphaRow[c].alpha == 0) || redRow[c].red != target;
+    };
+    if (stops(x)) {
+        return;
+    }
+    int l = x - 1;
+    while (l >= lo && !stops(l)) {
+        --l;
+    }
+    int r = x + 1;
+    while (r <= hi && !stops(r)) {
+        ++r;
+    }
+    // A walk stopped by a pixel ends beside it; a walk that ran to the row's limit leaves
+    // the pixel on the limit out (even when the seed itself sits on it).
+    seed->left = l >= lo ? l + 1 : lo + 1;
+    seed->right = r <= hi ? r - 1 : hi - 1;
+}
+
 // Record index N is held in the red plane as N * 32.
 constexpr int kLabelShift = 5;
 
@@ -70,10 +179,11 @@ writeGuardZones(PF_LayerDef* redMask, int width, int height, int guardRadius) {
     // A zone never reaches past the frame, so a larger radius changes nothing.
     const int reach = std::min(guardRadius, std::max(width, height));
     for (int y = 1; y <= height - 2; ++y) {
-        for (int x = 1; x <= width - 2; ++x) {
-            if (row16(redMask, y)[x].green != kGreenGuardMarker) {
-                continue;
-            }
+        const PF_Pixel16* markers = row16(redMask, y);
+        // Each search reads the row afresh, so a zone drawn over a later marker hides it.
+        for (int x = findInRow<kGreenLane>(markers, 1, width - 2, kGreenGuardMarker);
+             x <= width - 2;
+             x = findInRow<kGreenLane>(markers, x + 1, width - 2, kGreenGuardMarker)) {
             const int yEnd = std::min(y + reach, height - 1);
             const int xEnd = std::min(x + reach, width - 1);
             for (int yy = std::max(0, y - reach); yy <= yEnd; ++yy) {
@@ -304,23 +414,28 @@ applyCrossHairs(CrossHairsArray* crossHairs, FillTagList* tags, PF_LayerDef* red
     }
 }
 
-// Replaces every label inside the limits with its region's verdict (red and blue). With
-// fillZeroFromDiagonal, a red-0 pixel takes the red and blue of the first of its diagonal
-// neighbours, row by row, whose red is 33 or more or whose blue is at least 1; without one it
-// takes the values last taken in this pass (red 0 and blue 0 before any). The neighbours are
-// found by stepping 2 from max(v - 1, 0) while below min(size, v + 2), so on the first row
-// or column the pixel's own row or column stands in for the missing one, and on the last
-// only the row or column before it is looked at.
-void
-rewriteLabels(FillTagList* tags, PF_LayerDef* redMask, int width, int height,
-              FillLimitsArray* limits, bool fillZeroFromDiagonal) {
+// Replaces every label inside the limits with its region's verdict (red and blue), row by row
+// in scan order. With fillZeroFromDiagonal, a red-0 pixel takes the red and blue of the first
+// of its diagonal neighbours, row by row, whose red is 33 or more or whose blue is at least 1;
+// without one it takes the values last taken in this pass (red 0 and blue 0 before any). The
+// neighbours are found by stepping 2 from max(v - 1, 0) while below min(size, v + 2), so on
+// the first row or column the pixel's own row or column stands in for the missing one, and on
+// the last only the row or column before it is looked at.
+struct LabelRewriter {
+    FillTagList* tags;
+    PF_LayerDef* redMask;
+    int width, height;
+    const FillLimitsArray* limits;
+    bool fillZeroFromDiagonal;
     unsigned short lastRed = 0;
     unsigned short lastBlue = 0;
-    for (int y = limits->firstRow; y <= limits->lastRow; ++y) {
-        PF_Pixel16* row = row16(redMask, y);
+
+    // Rewrites row y (rows are handed over in scan order).
+    void row(int y, PF_Pixel16* row) {
         const int yBegin = std::max(y - 1, 0);
         const int yEnd = std::min(height, y + 2);
-        for (int x = limits->left[y]; x <= limits->right[y]; ++x) {
+        const int right = limits->right[y];
+        for (int x = limits->left[y]; x <= right; ++x) {
             PF_Pixel16& pixel = row[x];
             if (isRegionLabel(pixel.red)) {
                 const FillTag& tag = tags->tags[pixel.red >> kLabelShift];
@@ -346,6 +461,100 @@ rewriteLabels(FillTagList* tags, PF_LayerDef* redMask, int width, int height,
                 }
                 pixel.red = lastRed;
                 pixel.blue = lastBlue;
+            }
+        }
+    }
+};
+
+// The stack runner of floodFillHolesInRedMaskTillSeedStackTillComplete, with the zero-alpha
+// stop fixed at compile time.
+template <bool kStopAtZeroAlpha>
+void
+runSeedStack(SeedStack* seeds, PF_LayerDef* alphaWorld, PF_LayerDef* redMask, int height,
+             unsigned short target, FillTag* tag, unsigned short label,
+             const FillLimitsArray* limits) {
+    while (seeds->count > 0) {
+        const int index = seeds->count;
+        Seed* s = &seedAt(seeds, index);
+        if (s->state == 0) {
+            s->x = 0;
+            s->y = 0;
+            s->left = 0;
+            s->right = 0;
+            s->parent = 0;
+            --seeds->count;
+        } else if (s->state == 1) {
+            expandSpan<kStopAtZeroAlpha>(s, alphaWorld, redMask, target, limits);
+            // The parent skips the columns this span already covers in the row it is seeding.
+            Seed* p = &seedAt(seeds, s->parent);
+            if (!p->isRoot && p->upDone == s->goingDown && p->cursor < s->right + 1) {
+                p->cursor = std::min(p->spanRight, s->right + 1);
+            }
+            const int left = s->left;
+            const int right = s->right;
+            PF_Pixel16* row = row16(redMask, s->y);
+            if (right - left < 1) {
+                // A single-pixel (or empty) span is never painted.
+                s->state = 0;
+                countSpanEnd(tag, row[s->x]);
+                continue;
+            }
+            paintSpan(row, left, right, label);
+            tag->area += right - left;
+            tag->minX = std::min(tag->minX, left);
+            tag->maxX = std::max(tag->maxX, right);
+            tag->minY = std::min(tag->minY, s->y);
+            tag->maxY = std::max(tag->maxY, s->y);
+            if (right - left > tag->widestWidth) {
+                tag->widestLeft = left;
+                tag->widestRight = right;
+                tag->widestWidth = right - left;
+                tag->widestY = s->y;
+            }
+            countSpanEnd(tag, row[left]);
+            countSpanEnd(tag, row[right]);
+            s->cursor = left;
+            s->spanRight = right;
+            s->upDone = false;
+            // A span inside its parent's need not look back into the parent's row.
+            if (!s->isRoot && p->left <= left && right <= p->right) {
+                if (!s->goingDown) {
+                    s->canDown = false;
+                } else {
+                    s->canUp = false;
+                    s->upDone = true;
+                }
+            }
+            s->state = 2;
+        } else if (!s->upDone) {
+            if (!s->canUp || s->y - 1 < 0 || s->spanRight <= s->cursor) {
+                s->upDone = true;
+                s->cursor = s->left;
+                continue;
+            }
+            // The last column of a span (spanRight) never seeds.
+            addSeedToStack(seeds, false, s->cursor, s->y - 1, s->carry, height - 1, index, false);
+            s = &seedAt(seeds, index);  // the push may have moved the overflow block
+            if (s->cursor < s->spanRight) {
+                ++s->cursor;
+            } else {
+                s->upDone = true;
+                s->cursor = s->left;
+            }
+        } else {
+            if (!s->canDown) {
+                s->state = 0;
+            } else if (s->y + 1 < height && s->cursor < s->spanRight) {
+                addSeedToStack(seeds, true, s->cursor, s->y + 1, s->carry, height - 1, index,
+                               false);
+                s = &seedAt(seeds, index);
+                if (s->cursor < s->spanRight) {
+                    ++s->cursor;
+                } else {
+                    s->state = 0;
+                }
+            } else {
+                s->state = 0;
             }
         }
     }
@@ -437,132 +646,24 @@ void
 expandRedMaskFillHolesSeedSideWays(Seed* seed, PF_LayerDef* alphaWorld, PF_LayerDef* redMask,
                                    int /*unused*/, int /*unused*/, unsigned short target,
                                    bool stopAtZeroAlpha, FillLimitsArray* limits) {
-    const int x = seed->x;
-    const int y = seed->y;
-    seed->left = x;
-    seed->right = x;
-    if (y < limits->firstRow || y > limits->lastRow) {
-        return;
+    if (stopAtZeroAlpha) {
+        expandSpan<true>(seed, alphaWorld, redMask, target, limits);
+    } else {
+        expandSpan<false>(seed, alphaWorld, redMask, target, limits);
     }
-    const int lo = limits->left[y];
-    const int hi = limits->right[y];
-    if (x < lo || x > hi) {
-        return;
-    }
-    const PF_Pixel16* redRow = row16(redMask, y);
-    const PF_Pixel16* alphaRow = row16(alphaWorld, y);
-    if (stopsSpan(redRow, alphaRow, x, target, stopAtZeroAlpha)) {
-        return;
-    }
-    int l = x - 1;
-    while (l >= lo && !stopsSpan(redRow, alphaRow, l, target, stopAtZeroAlpha)) {
-        --l;
-    }
-    int r = x + 1;
-    while (r <= hi && !stopsSpan(redRow, alphaRow, r, target, stopAtZeroAlpha)) {
-        ++r;
-    }
-    // A walk stopped by a pixel ends beside it; a walk that ran to the row's limit leaves
-    // the pixel on the limit out (even when the seed itself sits on it).
-    seed->left = l >= lo ? l + 1 : lo + 1;
-    seed->right = r <= hi ? r - 1 : hi - 1;
 }
 
 void
 floodFillHolesInRedMaskTillSeedStackTillComplete(SeedStack* seeds, PF_LayerDef* alphaWorld,
-                                                 PF_LayerDef* redMask, int xMax, int height,
+                                                 PF_LayerDef* redMask, int /*xMax*/, int height,
                                                  int /*yMax*/, int /*width*/, int /*halfWidth*/,
                                                  unsigned short target, FillTag* tag,
                                                  unsigned short label, bool stopAtZeroAlpha,
                                                  FillLimitsArray* limits) {
-    while (seeds->count > 0) {
-        const int index = seeds->count;
-        Seed* s = &seedAt(seeds, index);
-        if (s->state == 0) {
-            s->x = 0;
-            s->y = 0;
-            s->left = 0;
-            s->right = 0;
-            s->parent = 0;
-            --seeds->count;
-        } else if (s->state == 1) {
-            expandRedMaskFillHolesSeedSideWays(s, alphaWorld, redMask, xMax, height, target,
-                                               stopAtZeroAlpha, limits);
-            // The parent skips the columns this span already covers in the row it is seeding.
-            Seed* p = &seedAt(seeds, s->parent);
-            if (!p->isRoot && p->upDone == s->goingDown && p->cursor < s->right + 1) {
-                p->cursor = std::min(p->spanRight, s->right + 1);
-            }
-            const int left = s->left;
-            const int right = s->right;
-            PF_Pixel16* row = row16(redMask, s->y);
-            if (right - left < 1) {
-                // A single-pixel (or empty) span is never painted.
-                s->state = 0;
-                countSpanEnd(tag, row[s->x]);
-                continue;
-            }
-            for (int c = left; c <= right; ++c) {
-                row[c].red = label;
-                row[c].alpha = kFull16;
-            }
-            tag->area += right - left;
-            tag->minX = std::min(tag->minX, left);
-            tag->maxX = std::max(tag->maxX, right);
-            tag->minY = std::min(tag->minY, s->y);
-            tag->maxY = std::max(tag->maxY, s->y);
-            if (right - left > tag->widestWidth) {
-                tag->widestLeft = left;
-                tag->widestRight = right;
-                tag->widestWidth = right - left;
-                tag->widestY = s->y;
-            }
-            countSpanEnd(tag, row[left]);
-            countSpanEnd(tag, row[right]);
-            s->cursor = left;
-            s->spanRight = right;
-            s->upDone = false;
-            // A span inside its parent's need not look back into the parent's row.
-            if (!s->isRoot && p->left <= left && right <= p->right) {
-                if (!s->goingDown) {
-                    s->canDown = false;
-                } else {
-                    s->canUp = false;
-                    s->upDone = true;
-                }
-            }
-            s->state = 2;
-        } else if (!s->upDone) {
-            if (!s->canUp || s->y - 1 < 0 || s->spanRight <= s->cursor) {
-                s->upDone = true;
-                s->cursor = s->left;
-                continue;
-            }
-            // The last column of a span (spanRight) never seeds.
-            addSeedToStack(seeds, false, s->cursor, s->y - 1, s->carry, height - 1, index, false);
-            s = &seedAt(seeds, index);  // the push may have moved the overflow block
-            if (s->cursor < s->spanRight) {
-                ++s->cursor;
-            } else {
-                s->upDone = true;
-                s->cursor = s->left;
-            }
-        } else {
-            if (!s->canDown) {
-                s->state = 0;
-            } else if (s->y + 1 < height && s->cursor < s->spanRight) {
-                addSeedToStack(seeds, true, s->cursor, s->y + 1, s->carry, height - 1, index,
-                               false);
-                s = &seedAt(seeds, index);
-                if (s->cursor < s->spanRight) {
-                    ++s->cursor;
-                } else {
-                    s->state = 0;
-                }
-            } else {
-                s->state = 0;
-            }
-        }
+    if (stopAtZeroAlpha) {
+        runSeedStack<true>(seeds, alphaWorld, redMask, height, target, tag, label, limits);
+    } else {
+        runSeedStack<false>(seeds, alphaWorld, redMask, height, target, tag, label, limits);
     }
 }
 
@@ -613,10 +714,11 @@ floodFillHolesLogInFillTagList(PF_LayerDef* alphaWorld, PF_LayerDef* redMask, in
 
     for (int y = limits->firstRow; y <= limits->lastRow; ++y) {
         const PF_Pixel16* row = row16(redMask, y);
-        for (int x = limits->left[y]; x <= limits->right[y]; ++x) {
-            if (row[x].red != target) {
-                continue;
-            }
+        const int last = limits->right[y];
+        // The search reads the row afresh after each region, so pixels a fill has just
+        // labelled are passed over.
+        for (int x = findInRow<kRedLane>(row, limits->left[y], last, target); x <= last;
+             x = findInRow<kRedLane>(row, x + 1, last, target)) {
             // Regions past the last record share it: it is not cleared again, so its
             // extents, counts and area accumulate and the last region's verdict wins.
             const int index = std::min(tags->count, kLastFillTag);
@@ -651,14 +753,16 @@ floodFillHolesLogInFillTagList(PF_LayerDef* alphaWorld, PF_LayerDef* redMask, in
 
     applyCrossHairs(crossHairs, tags, redMask, width, height, maxSize, blobMode);
 
-    if (!keepLabels) {
-        rewriteLabels(tags, redMask, width, height, limits, fillZeroFromDiagonal);
-    }
-
+    // The final rewrite reads and writes only red and blue, the alpha reset only alpha, so
+    // each row is reset right after it is rewritten, while it is still in the cache.
+    const int rewriteFirst = keepLabels ? height : std::max(limits->firstRow, 0);
+    const int rewriteLast = keepLabels ? -1 : std::min(limits->lastRow, height - 1);
+    LabelRewriter rewriter{tags, redMask, width, height, limits, fillZeroFromDiagonal};
     for (int y = 0; y < height; ++y) {
         PF_Pixel16* row = row16(redMask, y);
-        for (int x = 0; x < width; ++x) {
-            row[x].alpha = kFull16;
+        if (y >= rewriteFirst && y <= rewriteLast) {
+            rewriter.row(y, row);
         }
+        setRowAlphasFull(row, width);
     }
 }
