@@ -65,32 +65,44 @@ void
 classifyRedMask(PF_LayerDef* classification, PF_LayerDef* redMask, PF_LayerDef* alphaWorld,
                 FillLimitsArray* limits, bool noFurtherProcessing, bool showColorInfo,
                 float colorTolerance, A_u_short edgeThreshold) {
-    clearWorldToTransparentBlack(classification);
-    for (A_long y = limits->firstRow; y <= limits->lastRow; ++y) {
+    constexpr PF_Pixel16 kClear{0, 0, 0, 0};
+    const A_long width = classification->width;
+    // One sweep: each row is cleared outside its limits and classified inside them, so every
+    // pixel is written once, as clearing the whole world first and then classifying gives.
+    for (A_long y = 0; y < classification->height; ++y) {
         PF_Pixel16* cls = row16(classification, y);
-        const PF_Pixel16* mask = row16(redMask, y);
-        PF_Pixel16* alpha = row16(alphaWorld, y);
-        for (A_long x = limits->left[y]; x <= limits->right[y]; ++x) {
-            const PF_Pixel16 m = mask[x];
-            if (noFurtherProcessing) {
-                cls[x] = alpha[x].alpha < edgeThreshold ? PF_Pixel16{0, 0, 0, 0} : kSolidClass;
-                continue;
-            }
-            if (m.red == kRedOpen && m.blue == kBlueRemovedBlob) {
-                cls[x] = kFilledClass;
-                if (showColorInfo) {
-                    alpha[x].alpha = kAlphaFilledInfo;
+        const bool rowInside = y >= limits->firstRow && y <= limits->lastRow;
+        const A_long left = rowInside ? limits->left[y] : width;
+        const A_long right = rowInside ? limits->right[y] : -1;
+        const A_long clearEnd = std::clamp<A_long>(left, 0, width);
+        std::fill(cls, cls + clearEnd, kClear);
+        if (left <= right) {
+            const PF_Pixel16* mask = row16(redMask, y);
+            PF_Pixel16* alpha = row16(alphaWorld, y);
+            for (A_long x = left; x <= right; ++x) {
+                const PF_Pixel16 m = mask[x];
+                PF_Pixel16 c = kClear;
+                if (noFurtherProcessing) {
+                    c = alpha[x].alpha < edgeThreshold ? kClear : kSolidClass;
+                } else if (m.red == kRedOpen && m.blue == kBlueRemovedBlob) {
+                    c = kFilledClass;
+                    if (showColorInfo) {
+                        alpha[x].alpha = kAlphaFilledInfo;
+                    }
+                } else if (m.red == kRedOpen && m.green == 0 && m.blue == 0) {
+                    // Without a colour range an open pixel stays transparent and no later
+                    // rule is tried.
+                    if (colorTolerance > 0.0f) {
+                        c = alpha[x].alpha < edgeThreshold ? m : kSolidClass;
+                    }
+                } else if (m.blue == kFull16 && m.red == 0 && m.green == 0) {
+                    c = showColorInfo ? kKeptClass : kSolidClass;
                 }
-            } else if (m.red == kRedOpen && m.green == 0 && m.blue == 0) {
-                // Without a colour range an open pixel stays transparent and no later rule
-                // is tried.
-                if (colorTolerance > 0.0f) {
-                    cls[x] = alpha[x].alpha < edgeThreshold ? m : kSolidClass;
-                }
-            } else if (m.blue == kFull16 && m.red == 0 && m.green == 0) {
-                cls[x] = showColorInfo ? kKeptClass : kSolidClass;
+                cls[x] = c;
             }
         }
+        const A_long clearFrom = std::clamp<A_long>(std::max(right + 1, clearEnd), 0, width);
+        std::fill(cls + clearFrom, cls + width, kClear);
     }
 }
 
@@ -104,11 +116,14 @@ smartExtendRemovals(PF_LayerDef* classification, PF_LayerDef* redMask, PF_LayerD
     // Classes' blue never changes here (only the visited alpha), so counts taken once hold.
     const SolidCounts counts(scratch, classification, width, height);
     for (A_long y = limits->firstRow; y <= limits->lastRow; ++y) {
-        for (A_long x = limits->left[y]; x <= limits->right[y]; ++x) {
-            PF_Pixel16* p = getPixel16(classification, x, y);
+        PF_Pixel16* clsRow = row16(classification, y);
+        PF_Pixel16* maskRow = row16(redMask, y);
+        const A_long right = limits->right[y];
+        for (A_long x = limits->left[y]; x <= right; ++x) {
+            PF_Pixel16* p = clsRow + x;
             if (p->green != kClassFilled) {
                 if (p->alpha == kFull16) {
-                    setPixel16(redMask, x, y, *p);
+                    maskRow[x] = *p;
                 }
                 continue;
             }
@@ -134,7 +149,7 @@ smartExtendRemovals(PF_LayerDef* classification, PF_LayerDef* redMask, PF_LayerD
                     }
                 }
             }
-            setPixel16(redMask, x, y, kFilledClass);
+            maskRow[x] = kFilledClass;
         }
     }
 }

@@ -190,17 +190,36 @@ readColour(PF_InData* in_data, PF_ParamDef* param, bool premiere, const AEGP_Sui
     return colour;
 }
 
-// Pre-clean ramp: alphas just above 16000 are pushed far down (16000 gives 0, 21000 keeps
-// 21000), except where the red differs from the next frame's by more than 1500.
+// Pre-clean ramp, then the copy of the ramped alphas back into the alpha world, in one sweep.
+// Within the limits alphas just above 16000 are pushed far down (16000 gives 0, 21000 keeps
+// 21000), except where the red differs from the next frame's by more than 1500; outside them
+// the scratch world's own alpha comes back. With `zeroFlags` alphas 1..4 come back as 0.
+//
+// The two steps touch one pixel at a time: the ramp of a pixel reads only that pixel's alpha
+// (and reds, which the copy never writes) before the copy writes its alpha, so doing both per
+// pixel gives what the two whole-frame passes give. The ramped values are not kept in the
+// scratch world: nothing reads it before the classification clears it.
 void
-preCleanAlphaRamp(PF_LayerDef* alphaWorld, PF_LayerDef* nextFrame, PF_LayerDef* classification,
-                  const FillLimitsArray* limits)
+preCleanAlphaRampAndCopyBack(PF_LayerDef* alphaWorld, PF_LayerDef* nextFrame,
+                             PF_LayerDef* classification, const FillLimitsArray* limits,
+                             A_long width, A_long height, bool zeroFlags)
 {
-    for (A_long y = limits->firstRow; y <= limits->lastRow; ++y) {
-        const PF_Pixel16* alpha = row16(alphaWorld, y);
+    const auto flagged = [zeroFlags](A_long a) {
+        return static_cast<A_u_short>(zeroFlags && a < 5 ? 0 : a);
+    };
+    for (A_long y = 0; y < height; ++y) {
+        PF_Pixel16* alpha = row16(alphaWorld, y);
         const PF_Pixel16* next = row16(nextFrame, y);
-        PF_Pixel16* cls = row16(classification, y);
-        for (A_long x = limits->left[y]; x <= limits->right[y]; ++x) {
+        const PF_Pixel16* cls = row16(classification, y);
+        const bool rowInside = y >= limits->firstRow && y <= limits->lastRow;
+        // Columns [left, right] are ramped; the rest of the row is copied back.
+        const A_long left = rowInside ? std::max<A_long>(limits->left[y], 0) : width;
+        const A_long right = rowInside ? std::min<A_long>(limits->right[y], width - 1) : -1;
+        const A_long copyEnd = std::min(left, width);
+        for (A_long x = 0; x < copyEnd; ++x) {
+            alpha[x].alpha = flagged(cls[x].alpha);
+        }
+        for (A_long x = left; x <= right; ++x) {
             const A_long a = alpha[x].alpha;
             const A_long d = std::abs(static_cast<A_long>(alpha[x].red) - next[x].red);
             A_long out;
@@ -211,10 +230,12 @@ preCleanAlphaRamp(PF_LayerDef* alphaWorld, PF_LayerDef* nextFrame, PF_LayerDef* 
             } else if (a > 21000) {
                 out = a;
             } else {
-                out = static_cast<A_long>(21000.0f *
-                                          (static_cast<float>(a - 16000) / 5000.0f));
+                out = static_cast<A_long>(21000.0f * (static_cast<float>(a - 16000) / 5000.0f));
             }
-            cls[x].alpha = static_cast<A_u_short>(out);
+            alpha[x].alpha = flagged(out);
+        }
+        for (A_long x = std::max(right + 1, copyEnd); x < width; ++x) {
+            alpha[x].alpha = flagged(cls[x].alpha);
         }
     }
 }
@@ -407,13 +428,10 @@ Render(PF_InData* in_data, PF_OutData* out_data, PF_ParamDef* params[], PF_Layer
 
     // 13. Pre-clean.
     if (s.preCleanSize >= 1) {
-        preCleanAlphaRamp(&alphaWorld, &nextFrame, &classification, limits);
-        if (colorInfoView) {
-            copyAlphasFromWorldToWorldZeroing1to4ForFlags(&classification, &alphaWorld, width,
-                                                          height);
-        } else {
-            copyAlphasFromWorldToWorld(&classification, &alphaWorld, width, height);
-        }
+        // The alpha ramp and the copy back into the alpha world (zeroing alphas 1..4 in
+        // "Show color info "), in one sweep.
+        preCleanAlphaRampAndCopyBack(&alphaWorld, &nextFrame, &classification, limits, width,
+                                     height, colorInfoView);
         killIsolatedHoles(&alphaWorld, &redMask, xMax, height, yMax, width, halfWidth, true,
                           limits, s.solidThreshold);
         clearToBlackThenCopyAlphaWorldToRedInRedMask(&redMask, &alphaWorld, &currentFrame,

@@ -58,12 +58,25 @@ composeResultFromBluePlane(PF_LayerDef* output, PF_LayerDef* workingInput, PF_La
         const PF_Pixel16* mask = row16(redMask, y);
         PF_Pixel16* out = row16(output, y);
         const RowSpan span = insideSpan(limits, y);
-        for (A_long x = 0; x < width; ++x) {
-            PF_Pixel16 p = in[x];
-            const A_u_short a = alpha[x].alpha;
-            const bool inside = x >= span.left && x <= span.right;
-            p.alpha = inside ? softAlpha(mask[x].blue, a, growShrink) : a;
-            out[x] = p;
+        // Outside the limits the cleaned alpha as it is; inside, shaped by the blue plane.
+        const A_long insideBegin = std::clamp<A_long>(span.left, 0, width);
+        const A_long insideEnd = std::clamp<A_long>(span.right + 1, insideBegin, width);
+        for (A_long x = 0; x < insideBegin; ++x) {
+            out[x] = PF_Pixel16{alpha[x].alpha, in[x].red, in[x].green, in[x].blue};
+        }
+        if (growShrink >= 1) {
+            for (A_long x = insideBegin; x < insideEnd; ++x) {
+                out[x] = PF_Pixel16{softAlpha(mask[x].blue, alpha[x].alpha, 1), in[x].red,
+                                    in[x].green, in[x].blue};
+            }
+        } else {
+            for (A_long x = insideBegin; x < insideEnd; ++x) {
+                out[x] = PF_Pixel16{softAlpha(mask[x].blue, alpha[x].alpha, 0), in[x].red,
+                                    in[x].green, in[x].blue};
+            }
+        }
+        for (A_long x = insideEnd; x < width; ++x) {
+            out[x] = PF_Pixel16{alpha[x].alpha, in[x].red, in[x].green, in[x].blue};
         }
     }
 }

@@ -57,7 +57,63 @@ plainSmartExtend(OwnedWorld& cls, OwnedWorld& mask, const FillLimitsArray& limit
         }
 }
 
+// The literal classification: clear the whole world, then sort each pixel within the limits.
+void
+plainClassify(OwnedWorld& cls, const OwnedWorld& mask, OwnedWorld& alpha,
+              const FillLimitsArray& limits, bool no, bool info, float tolerance, uint16_t edge)
+{
+    cls.fill({0, 0, 0, 0});
+    for (int y = limits.firstRow; y <= limits.lastRow; ++y)
+        for (int x = limits.left[y]; x <= limits.right[y]; ++x) {
+            const PF_Pixel16 m = mask.at(x, y);
+            PF_Pixel16& c = cls.at(x, y);
+            if (no) {
+                c = alpha.at(x, y).alpha < edge ? PF_Pixel16{0, 0, 0, 0} : kSolid;
+            } else if (m.red == 32768 && m.blue == 20000) {
+                c = kFilled;
+                if (info) alpha.at(x, y).alpha = 2;
+            } else if (m.red == 32768 && m.green == 0 && m.blue == 0) {
+                if (tolerance > 0.0f) c = alpha.at(x, y).alpha < edge ? m : kSolid;
+            } else if (m.blue == 32768 && m.red == 0 && m.green == 0) {
+                c = info ? PF_Pixel16{32768, 0, 8192, 0} : kSolid;
+            }
+        }
+}
+
 }  // namespace
+
+TEST(Classification, MatchesTheLiteralVersionOnRandomMasks)
+{
+    // Few distinct values, so every rule fires; limits with empty and partial rows.
+    const auto pick = [](std::mt19937& r, Channel) {
+        static constexpr uint16_t kValues[] = {0, 0, 32768, 32768, 20000, 1, 5};
+        return kValues[r() % 7];
+    };
+    for (uint32_t seed = 1; seed <= 24; ++seed) {
+        std::mt19937 rng(seed);
+        const int w = 2 + static_cast<int>(rng() % 30), h = 1 + static_cast<int>(rng() % 9);
+        const OwnedWorld mask = randomWorld(w, h, seed, pick);
+        const OwnedWorld alpha = randomWorld(w, h, seed + 50, pick);
+        FillLimitsArray limits{};
+        limits.firstRow = static_cast<int>(rng() % h);
+        limits.lastRow = std::min(h - 1, limits.firstRow + static_cast<int>(rng() % h));
+        for (int y = 0; y < h; ++y) {
+            limits.left[y] = static_cast<int>(rng() % w);
+            limits.right[y] = static_cast<int>(rng() % w);  // sometimes left of left: empty
+        }
+        const bool no = seed % 5 == 0, info = seed % 3 == 0;
+        const float tolerance = seed % 2 == 0 ? 10.0f : 0.0f;
+        const uint16_t edge = seed % 4 == 0 ? 1 : 20000;
+
+        OwnedWorld expectCls = randomWorld(w, h, seed + 9, pick), expectAlpha(alpha);
+        OwnedWorld cls(expectCls), actualAlpha(alpha), maskCopy(mask);
+        plainClassify(expectCls, mask, expectAlpha, limits, no, info, tolerance, edge);
+        classifyRedMask(cls, maskCopy, actualAlpha, &limits, no, info, tolerance, edge);
+        ASSERT_TRUE(SameWorld(expectCls, cls)) << seed;
+        ASSERT_TRUE(SameWorld(expectAlpha, actualAlpha)) << seed;
+        ASSERT_TRUE(cls.paddingIntact());
+    }
+}
 
 TEST(Classification, SortsTheRedMaskByTheFirstMatchingRule)
 {

@@ -1,5 +1,8 @@
 #include "matte/views.h"
 
+#include <algorithm>
+#include <random>
+
 #include <gtest/gtest.h>
 
 #include "tests/support/worlds.h"
@@ -79,6 +82,53 @@ TEST(ResultComposition, EmptyLimitsWriteTheCleanedAlphaEverywhere)
     showAlphaAsGrey(out, &limits, 3, 2);
     EXPECT_EQ(out.at(2, 1).red, 0);
     EXPECT_EQ(out.at(2, 1).alpha, 32768);
+}
+
+TEST(ResultComposition, MatchesThePerPixelRuleOnRandomWorlds)
+{
+    const auto any = [](std::mt19937& r, Channel) {
+        static constexpr uint16_t kValues[] = {0, 32768, 16384, 1, 30000};
+        return r() % 2 ? kValues[r() % 5] : static_cast<uint16_t>(r() % 32769);
+    };
+    for (uint32_t seed = 1; seed <= 20; ++seed) {
+        std::mt19937 rng(seed);
+        const int w = 1 + static_cast<int>(rng() % 25), h = 1 + static_cast<int>(rng() % 6);
+        OwnedWorld input = randomWorld(w, h, seed, any), alpha = randomWorld(w, h, seed + 1, any);
+        OwnedWorld mask = randomWorld(w, h, seed + 2, any);
+        FillLimitsArray limits{};
+        limits.firstRow = static_cast<int>(rng() % h);
+        limits.lastRow = static_cast<int>(rng() % h);
+        for (int y = 0; y < h; ++y) {
+            limits.left[y] = static_cast<int>(rng() % w);
+            limits.right[y] = static_cast<int>(rng() % w);
+        }
+        for (int grow : {0, 1, -2, 5}) {
+            OwnedWorld out(w, h);
+            composeResultFromBluePlane(out, input, alpha, mask, &limits, w, h, grow);
+            for (int y = 0; y < h; ++y)
+                for (int x = 0; x < w; ++x) {
+                    const bool inside = y >= limits.firstRow && y <= limits.lastRow &&
+                                        x >= limits.left[y] && x <= limits.right[y];
+                    const uint16_t a = alpha.at(x, y).alpha, b = mask.at(x, y).blue;
+                    uint16_t expected = a;
+                    if (inside && grow >= 1) {
+                        expected = b == 32768 ? 32768 : b == 0 ? 0 : std::max(b, a);
+                    } else if (inside) {
+                        const float f = static_cast<float>(b) / 32768.0f;
+                        expected = b == 32768 ? a
+                                   : b == 0   ? 0
+                                              : static_cast<uint16_t>(
+                                                  static_cast<int>(f * static_cast<float>(a) * f));
+                    }
+                    const PF_Pixel16 p = input.at(x, y);
+                    ASSERT_EQ(out.at(x, y).alpha, expected) << seed << " " << x << "," << y;
+                    ASSERT_EQ(out.at(x, y).red, p.red);
+                    ASSERT_EQ(out.at(x, y).green, p.green);
+                    ASSERT_EQ(out.at(x, y).blue, p.blue);
+                }
+            ASSERT_TRUE(out.paddingIntact());
+        }
+    }
 }
 
 TEST(ColorInfoView, FirstMatchingRuleColoursEachPixel)
