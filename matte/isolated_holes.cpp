@@ -1,5 +1,7 @@
 #include "matte/isolated_holes.h"
 
+#include <emmintrin.h>
+
 #include <algorithm>
 
 #include "image/pixels.h"
@@ -19,30 +21,73 @@ struct Kind {
     }
 };
 
+// The mark of pixel x of a row (10000 or 0), its side neighbours at columns xl and xr.
+template <bool kSpecks>
+inline A_u_short
+markOf(const PF_Pixel16* up, const PF_Pixel16* here, const PF_Pixel16* down, A_long x, A_long xl,
+       A_long xr, A_u_short threshold) {
+    using K = Kind<kSpecks>;
+    const int count = K::company(here[xl].alpha, threshold) +
+                      K::company(here[xr].alpha, threshold) + K::company(up[x].alpha, threshold) +
+                      K::company(down[x].alpha, threshold);
+    // Both tests are pure, so both are made and combined without a branch.
+    return (K::candidate(here[x].alpha, threshold) & (count < 2)) ? kIsolatedMark : 0;
+}
+
 // Writes the marks of row y (10000 or 0) into the scratch alpha for columns left..right.
 // Reads the matte rows above, at and below y, none of which may have been changed yet.
 template <bool kSpecks>
 void
 detectRow(const PF_LayerDef* matte, PF_LayerDef* scratch, A_long y, A_long left, A_long right,
           A_long lastColumn, A_long lowestRow, A_u_short threshold) {
-    using K = Kind<kSpecks>;
     const PF_Pixel16* up = row16(matte, std::max<A_long>(y - 1, 0));
     const PF_Pixel16* here = row16(matte, y);
     const PF_Pixel16* down = row16(matte, std::min<A_long>(y + 1, lowestRow));
     PF_Pixel16* marks = row16(scratch, y);
-    for (A_long x = left; x <= right; ++x) {
-        A_u_short mark = 0;
-        if (K::candidate(here[x].alpha, threshold)) {
-            const int count = K::company(here[std::max<A_long>(x - 1, 0)].alpha, threshold) +
-                              K::company(here[std::min(x + 1, lastColumn)].alpha, threshold) +
-                              K::company(up[x].alpha, threshold) +
-                              K::company(down[x].alpha, threshold);
-            if (count < 2) {
-                mark = kIsolatedMark;
-            }
-        }
-        marks[x].alpha = mark;
+    // Side neighbours are clamped into the frame only in its first and last column; the
+    // columns between read theirs directly.
+    const A_long innerFirst = std::max<A_long>(left, 1);
+    const A_long innerLast = std::min<A_long>(right, lastColumn - 1);
+    A_long x = left;
+    for (; x <= right && x < innerFirst; ++x) {
+        marks[x].alpha = markOf<kSpecks>(up, here, down, x, std::max<A_long>(x - 1, 0),
+                                         std::min(x + 1, lastColumn), threshold);
     }
+    for (; x <= innerLast; ++x) {
+        marks[x].alpha = markOf<kSpecks>(up, here, down, x, x - 1, x + 1, threshold);
+    }
+    for (; x <= right; ++x) {
+        marks[x].alpha = markOf<kSpecks>(up, here, down, x, std::max<A_long>(x - 1, 0),
+                                         std::min(x + 1, lastColumn), threshold);
+    }
+}
+
+// The first column in x..last (inclusive) whose scratch alpha holds the mark, or last + 1.
+// Marks are rare: four pixels are compared at a time.
+inline A_long
+nextMark(const PF_Pixel16* marks, A_long x, A_long last) {
+    const __m128i want = _mm_set1_epi16(static_cast<short>(kIsolatedMark));
+    // Mask bits of the alpha bytes of the first and the second pixel of a 16-byte load.
+    constexpr int kFirst = 0x3;
+    constexpr int kSecond = 0x300;
+    for (; x + 3 <= last; x += 4) {
+        const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(marks + x));
+        const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(marks + x + 2));
+        const int ma = _mm_movemask_epi8(_mm_cmpeq_epi16(a, want)) & (kFirst | kSecond);
+        const int mb = _mm_movemask_epi8(_mm_cmpeq_epi16(b, want)) & (kFirst | kSecond);
+        if ((ma | mb) != 0) {
+            if (ma != 0) {
+                return (ma & kFirst) != 0 ? x : x + 1;
+            }
+            return (mb & kFirst) != 0 ? x + 2 : x + 3;
+        }
+    }
+    for (; x <= last; ++x) {
+        if (marks[x].alpha == kIsolatedMark) {
+            return x;
+        }
+    }
+    return last + 1;
 }
 
 // Switches the marked pixels of row y and clears their marks.
@@ -51,11 +96,9 @@ applyRow(PF_LayerDef* matte, PF_LayerDef* scratch, A_long y, A_long left, A_long
          A_u_short newAlpha) {
     PF_Pixel16* here = row16(matte, y);
     PF_Pixel16* marks = row16(scratch, y);
-    for (A_long x = left; x <= right; ++x) {
-        if (marks[x].alpha == kIsolatedMark) {
-            here[x].alpha = newAlpha;
-            marks[x].alpha = 0;
-        }
+    for (A_long x = nextMark(marks, left, right); x <= right; x = nextMark(marks, x + 1, right)) {
+        here[x].alpha = newAlpha;
+        marks[x].alpha = 0;
     }
 }
 
