@@ -21,7 +21,9 @@
 
 #include "AE_EffectCB.h"
 #include "image/pixels.h"
+#include "image/container.h"
 #include "matte/blur_feather.h"
+#include "matte/flood_fill.h"
 #include "matte/grow_shrink.h"
 #include "matte/isolated_holes.h"
 #include "matte/red_mask.h"
@@ -372,6 +374,31 @@ registerSize(const std::string& size, int w, int h) {
             });
         // Clear, detect and apply: three sweeps as described.
         ratios(st, size, "isolated_holes", 3, "");
+    });
+    // The main flood fill as the render calls it ("Remove smaller than :" 200, anywhere), on the
+    // solid/open red mask: every blob labelled, measured, judged and rewritten.
+    reg("flood_fill", [=](benchmark::State& st, const std::string& name) {
+        Scene& s = scene(w, h);
+        QuorvaneMemoryContainer* c = newQuorvaneMemoryContainer();
+        CrossHairsArray crossHairs{};
+        timed(
+            st, name,
+            [&] {
+                for (int y = 0; y < h; ++y) {
+                    PF_Pixel16* m = s.work.row(y);
+                    std::memcpy(m, s.redMask.row(y), static_cast<size_t>(w) * 8);
+                    for (int x = 0; x < w; ++x) m[x].blue = 0;
+                }
+            },
+            [&] {
+                floodFillHolesLogInFillTagList(
+                    s.alpha.get(), s.work.get(), w - 1, h, h - 1, w, w / 2, &c->mainFillTags, 0,
+                    200, 0.0f, 0, 0, &c->userRange, 1.0f, 4, 1, &crossHairs, &c->mainSeeds, true,
+                    true, true, false, s.limits.get(), 1, 1, false, true, 3, 1, true);
+            });
+        deleteQuorvaneMemoryContainer(c);
+        // Guard scan, region scan and labelling, rewrite with the alpha reset.
+        ratios(st, size, "flood_fill", 3, "");
     });
     reg("grow_20", [=](benchmark::State& st, const std::string& name) {
         Scene& s = scene(w, h);

@@ -36,11 +36,27 @@ reserveOverflow(SeedStack* seeds, int index) {
     return true;
 }
 
-// True when pixel c of the row stops a span: a zero alpha (when asked) or a non-target red.
-inline bool
-stopsSpan(const PF_Pixel16* redRow, const PF_Pixel16* alphaRow, int c, unsigned short target,
-          bool stopAtZeroAlpha) {
-    return (stopAtZeroAlpha && alphaRow[c].alpha == 0) || redRow[c].red != target;
+// Pushes a seed in state 1: addSeedToStack, inlined into the stack runner.
+inline void
+pushSeed(SeedStack* seeds, bool goingDown, int x, int y, int carry, int maxY, int parent,
+         bool isRoot) {
+    const int index = seeds->count + 1;
+    // Past the fixed entries the stack continues in the overflow block. Should memory run
+    // out there, the seed is dropped rather than written past an array.
+    if (index >= kSeedStackCapacity && !reserveOverflow(seeds, index)) {
+        return;
+    }
+    seeds->count = index;
+    Seed& s = seedAt(seeds, index);
+    s.state = 1;
+    s.x = x;
+    s.y = y;
+    s.parent = parent;
+    s.isRoot = isRoot;
+    s.goingDown = goingDown;
+    s.canUp = y >= 1;
+    s.canDown = y < maxY;
+    s.carry = carry;
 }
 
 inline void
@@ -499,6 +515,16 @@ runSeedStack(SeedStack* seeds, PF_LayerDef* alphaWorld, PF_LayerDef* redMask, in
                 countSpanEnd(tag, row[s->x]);
                 continue;
             }
+            // The first seeds of this span start at its left end in the rows above and
+            // below: their first reads are fetched while the span is painted.
+            if (s->y >= 1) {
+                __builtin_prefetch(row16(redMask, s->y - 1) + left);
+                __builtin_prefetch(row16(alphaWorld, s->y - 1) + left);
+            }
+            if (s->y + 1 < height) {
+                __builtin_prefetch(row16(redMask, s->y + 1) + left);
+                __builtin_prefetch(row16(alphaWorld, s->y + 1) + left);
+            }
             paintSpan(row, left, right, label);
             tag->area += right - left;
             tag->minX = std::min(tag->minX, left);
@@ -533,7 +559,7 @@ runSeedStack(SeedStack* seeds, PF_LayerDef* alphaWorld, PF_LayerDef* redMask, in
                 continue;
             }
             // The last column of a span (spanRight) never seeds.
-            addSeedToStack(seeds, false, s->cursor, s->y - 1, s->carry, height - 1, index, false);
+            pushSeed(seeds, false, s->cursor, s->y - 1, s->carry, height - 1, index, false);
             s = &seedAt(seeds, index);  // the push may have moved the overflow block
             if (s->cursor < s->spanRight) {
                 ++s->cursor;
@@ -545,8 +571,7 @@ runSeedStack(SeedStack* seeds, PF_LayerDef* alphaWorld, PF_LayerDef* redMask, in
             if (!s->canDown) {
                 s->state = 0;
             } else if (s->y + 1 < height && s->cursor < s->spanRight) {
-                addSeedToStack(seeds, true, s->cursor, s->y + 1, s->carry, height - 1, index,
-                               false);
+                pushSeed(seeds, true, s->cursor, s->y + 1, s->carry, height - 1, index, false);
                 s = &seedAt(seeds, index);
                 if (s->cursor < s->spanRight) {
                     ++s->cursor;
@@ -623,23 +648,7 @@ clearSeedStack(SeedStack* seeds) {
 void
 addSeedToStack(SeedStack* seeds, bool goingDown, int x, int y, int carry, int maxY, int parent,
                bool isRoot) {
-    const int index = seeds->count + 1;
-    // Past the fixed entries the stack continues in the overflow block. Should memory run
-    // out there, the seed is dropped rather than written past an array.
-    if (index >= kSeedStackCapacity && !reserveOverflow(seeds, index)) {
-        return;
-    }
-    seeds->count = index;
-    Seed& s = seedAt(seeds, index);
-    s.state = 1;
-    s.x = x;
-    s.y = y;
-    s.parent = parent;
-    s.isRoot = isRoot;
-    s.goingDown = goingDown;
-    s.canUp = y >= 1;
-    s.canDown = y < maxY;
-    s.carry = carry;
+    pushSeed(seeds, goingDown, x, y, carry, maxY, parent, isRoot);
 }
 
 void
