@@ -135,11 +135,14 @@ BM_Render(benchmark::State& state, int w, int h, bool deep, Setting s)
     session.setSlider(16, s.grow);
     session.setSlider(17, s.feather);
     session.updateParamsUI();
+    // One render outside the timing: the host's first worlds of a new size come fresh from the
+    // system (a page fault per page), which a single timed iteration would otherwise measure.
+    if (session.render(1) != PF_Err_NONE) state.SkipWithError("render failed");
     for (auto _ : state) {
         if (session.render(1) != PF_Err_NONE) state.SkipWithError("render failed");
     }
     const Accounting& a = session.accounting();
-    const int renders = std::max<int>(1, static_cast<int>(state.iterations()));
+    const int renders = static_cast<int>(state.iterations()) + 1;  // the warm-up included
     // Working memory per render: the container and the worlds the render made.
     const double worldBytes = static_cast<double>(a.worldsMade) / renders * (w + 3) * 8.0 * h;
     state.counters["peak_MiB"] =
