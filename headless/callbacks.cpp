@@ -321,7 +321,10 @@ checkoutParam(PF_ProgPtr ref, PF_ParamIndex index, A_long what_time, A_long time
     std::unique_ptr<World> layer;
     PF_Err err = PF_Err_NONE;
     try {
-        layer = std::make_unique<World>(source->width(), source->height(), deep);
+        layer = std::make_unique<World>(source->width(), source->height(), deep,
+                                        source->fillsEveryPixel()
+                                            ? World::Pixels::LeftForTheSource
+                                            : World::Pixels::Zeroed);
         err = source->fill(frame, layer->layer());
     } catch (const std::bad_alloc&) {
         err = PF_Err_OUT_OF_MEMORY;

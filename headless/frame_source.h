@@ -30,6 +30,10 @@ class FrameSource {
     // width and height 0, and never calls fill().
     virtual bool layerIsNone() const { return false; }
 
+    // True when fill() writes every pixel of the world it is given; the host then skips
+    // zero-filling the layer first.
+    virtual bool fillsEveryPixel() const { return false; }
+
     // Writes frame `frame` (already clamped) into `world`, which the host has made at the
     // source's size and zero-filled. The world is 16-bit when PF_WORLD_IS_DEEP(&world), else
     // 8-bit; the source converts to that depth. Rows are `rowbytes` apart. A non-zero result
@@ -64,6 +68,7 @@ class MemoryFrameSource : public FrameSource {
     A_long width() const override { return width_; }
     A_long height() const override { return height_; }
     bool layerIsNone() const override { return none_; }
+    bool fillsEveryPixel() const override { return true; }
     PF_Err fill(A_long frame, PF_LayerDef& world) override;
 
   private:

@@ -205,7 +205,9 @@ Session::State::beginCommand(PF_Cmd cmd, PF_LayerDef* output, World* outputWorld
     const bool wantsInput =
         cmd == PF_Cmd_FRAME_SETUP || cmd == PF_Cmd_RENDER || cmd == PF_Cmd_FRAME_SETDOWN;
     if (wantsInput && source != nullptr && !source->layerIsNone()) {
-        input = World(width, height, inputDeep());
+        input = World(width, height, inputDeep(),
+                      source->fillsEveryPixel() ? World::Pixels::LeftForTheSource
+                                                : World::Pixels::Zeroed);
         const PF_Err err = source->fill(clampFrame(currentFrame), input.layer());
         if (err != PF_Err_NONE) {
             input = World();

@@ -83,7 +83,7 @@ World::StorageRelease::operator()(std::uint64_t* block) const {
     storagePool().give(block, words);
 }
 
-World::World(A_long width, A_long height, bool deep) {
+World::World(A_long width, A_long height, bool deep, Pixels pixels) {
     if (width < 0 || height < 0) {
         throw std::invalid_argument("World: negative size");
     }
@@ -98,12 +98,15 @@ World::World(A_long width, A_long height, bool deep) {
     storage_ = std::unique_ptr<std::uint64_t[], StorageRelease>(storagePool().take(words),
                                                                 StorageRelease{words});
     auto* base = reinterpret_cast<std::uint8_t*>(storage_.get());
-    // Pixels zero, padding and guards the marker, each byte written once.
+    // Pixels zero (unless the source fills them), padding and guards the marker, each byte
+    // written once.
     const std::size_t pixelRow = static_cast<std::size_t>(width) * pixel;
     std::memset(base, kMarker, kHeadBytes);
     for (A_long y = 0; y < height; ++y) {
         std::uint8_t* row = base + kHeadBytes + rowbytes * static_cast<std::size_t>(y);
-        std::memset(row, 0, pixelRow);
+        if (pixels == Pixels::Zeroed) {
+            std::memset(row, 0, pixelRow);
+        }
         std::memset(row + pixelRow, kMarker, rowbytes - pixelRow);
     }
     std::memset(base + kHeadBytes + rowbytes * static_cast<std::size_t>(height), kMarker,

@@ -27,9 +27,14 @@ class World {
 
     // An empty record (data null, width and height 0).
     World() = default;
+    // What a new world's pixels hold: zero (every world handed to the effect as new), or
+    // whatever the storage held, for a layer its frame source is about to fill completely.
+    enum class Pixels { Zeroed, LeftForTheSource };
+
     // A zero-filled world: 16-bit pixels (`PF_Pixel16`, world_flags carry PF_WorldFlag_DEEP)
     // when `deep`, else 8-bit (`PF_Pixel`). A negative size throws std::invalid_argument.
-    World(A_long width, A_long height, bool deep);
+    // Padding and guards always hold the marker.
+    World(A_long width, A_long height, bool deep, Pixels pixels = Pixels::Zeroed);
 
     World(World&&) noexcept;
     World& operator=(World&&) noexcept;
