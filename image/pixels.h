@@ -4,6 +4,8 @@
 // and 0 <= y < height.
 #pragma once
 
+#include <emmintrin.h>
+
 #include "AEConfig.h"
 #include "AE_Effect.h"
 
@@ -91,6 +93,49 @@ inline void
 setPixel8(PF_LayerDef* world, A_long x, A_long y, PF_Pixel pixel)
 {
     *getPixel8(world, x, y) = pixel;
+}
+
+// Channels of a 16-bit pixel as lanes of its 8 bytes.
+constexpr int kChannelAlpha = 0;
+constexpr int kChannelRed = 1;
+constexpr int kChannelGreen = 2;
+constexpr int kChannelBlue = 3;
+
+// The first column in x..last (inclusive) of a 16-bit row whose channel kChannel holds
+// `value`, or last + 1. Four pixels are compared per step (markers and region starts are
+// rare); each call reads the row as it is in memory, so writes made between calls are seen.
+template <int kChannel>
+inline A_long
+findChannelValueInRow(const PF_Pixel16* row, A_long x, A_long last, A_u_short value)
+{
+    static_assert(kChannel >= 0 && kChannel <= 3);
+    const __m128i want = _mm_set1_epi16(static_cast<short>(value));
+    // Mask bits of the channel's two bytes in the first and the second pixel of a load.
+    constexpr int kFirst = 3 << (2 * kChannel);
+    constexpr int kSecond = kFirst << 8;
+    for (; x + 3 <= last; x += 4) {
+        const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(row + x));
+        const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(row + x + 2));
+        const int ma = _mm_movemask_epi8(_mm_cmpeq_epi16(a, want)) & (kFirst | kSecond);
+        const int mb = _mm_movemask_epi8(_mm_cmpeq_epi16(b, want)) & (kFirst | kSecond);
+        if ((ma | mb) != 0) {
+            if (ma != 0) {
+                return (ma & kFirst) != 0 ? x : x + 1;
+            }
+            return (mb & kFirst) != 0 ? x + 2 : x + 3;
+        }
+    }
+    for (; x <= last; ++x) {
+        const PF_Pixel16& p = row[x];
+        const A_u_short v = kChannel == kChannelAlpha ? p.alpha
+                            : kChannel == kChannelRed ? p.red
+                            : kChannel == kChannelGreen ? p.green
+                                                        : p.blue;
+        if (v == value) {
+            return x;
+        }
+    }
+    return last + 1;
 }
 
 // Clamps a neighbour coordinate into 0..last (the frame's edge repeats itself).

@@ -1,6 +1,5 @@
 #include "matte/flood_fill.h"
 
-#include <emmintrin.h>
 
 #include <algorithm>
 #include <bit>
@@ -65,45 +64,6 @@ countSpanEnd(FillTag* tag, const PF_Pixel16& pixel) {
     if (pixel.green == kGreenGuardEnd) {
         ++tag->guardEnds;
     }
-}
-
-// Pixel channels as 16-bit lanes of a pixel: alpha 0, red 1, green 2, blue 3.
-constexpr int kRedLane = 1;
-constexpr int kGreenLane = 2;
-
-inline unsigned short
-lane(const PF_Pixel16& p, int channel) {
-    return channel == 0 ? p.alpha : channel == 1 ? p.red : channel == 2 ? p.green : p.blue;
-}
-
-// The first column in x..last (inclusive) of the row whose channel holds `value`, or last + 1.
-// Four pixels are compared per step; each call reads the row as it is in memory, so writes
-// made between calls are seen.
-template <int kChannel>
-inline int
-findInRow(const PF_Pixel16* row, int x, int last, unsigned short value) {
-    const __m128i want = _mm_set1_epi16(static_cast<short>(value));
-    // Mask bits of the channel's two bytes in the first and the second pixel of a load.
-    constexpr int kFirst = 3 << (2 * kChannel);
-    constexpr int kSecond = kFirst << 8;
-    for (; x + 3 <= last; x += 4) {
-        const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(row + x));
-        const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(row + x + 2));
-        const int ma = _mm_movemask_epi8(_mm_cmpeq_epi16(a, want)) & (kFirst | kSecond);
-        const int mb = _mm_movemask_epi8(_mm_cmpeq_epi16(b, want)) & (kFirst | kSecond);
-        if ((ma | mb) != 0) {
-            if (ma != 0) {
-                return (ma & kFirst) != 0 ? x : x + 1;
-            }
-            return (mb & kFirst) != 0 ? x + 2 : x + 3;
-        }
-    }
-    for (; x <= last; ++x) {
-        if (lane(row[x], kChannel) == value) {
-            return x;
-        }
-    }
-    return last + 1;
 }
 
 // A pixel as one little-endian 64-bit word: alpha in bits 0..15, red 16..31.
@@ -197,9 +157,9 @@ writeGuardZones(PF_LayerDef* redMask, int width, int height, int guardRadius) {
     for (int y = 1; y <= height - 2; ++y) {
         const PF_Pixel16* markers = row16(redMask, y);
         // Each search reads the row afresh, so a zone drawn over a later marker hides it.
-        for (int x = findInRow<kGreenLane>(markers, 1, width - 2, kGreenGuardMarker);
+        for (int x = findChannelValueInRow<kChannelGreen>(markers, 1, width - 2, kGreenGuardMarker);
              x <= width - 2;
-             x = findInRow<kGreenLane>(markers, x + 1, width - 2, kGreenGuardMarker)) {
+             x = findChannelValueInRow<kChannelGreen>(markers, x + 1, width - 2, kGreenGuardMarker)) {
             const int yEnd = std::min(y + reach, height - 1);
             const int xEnd = std::min(x + reach, width - 1);
             for (int yy = std::max(0, y - reach); yy <= yEnd; ++yy) {
@@ -726,8 +686,8 @@ floodFillHolesLogInFillTagList(PF_LayerDef* alphaWorld, PF_LayerDef* redMask, in
         const int last = limits->right[y];
         // The search reads the row afresh after each region, so pixels a fill has just
         // labelled are passed over.
-        for (int x = findInRow<kRedLane>(row, limits->left[y], last, target); x <= last;
-             x = findInRow<kRedLane>(row, x + 1, last, target)) {
+        for (int x = findChannelValueInRow<kChannelRed>(row, limits->left[y], last, target); x <= last;
+             x = findChannelValueInRow<kChannelRed>(row, x + 1, last, target)) {
             // Regions past the last record share it: it is not cleared again, so its
             // extents, counts and area accumulate and the last region's verdict wins.
             const int index = std::min(tags->count, kLastFillTag);

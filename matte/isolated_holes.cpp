@@ -1,6 +1,5 @@
 #include "matte/isolated_holes.h"
 
-#include <emmintrin.h>
 
 #include <algorithm>
 
@@ -63,32 +62,6 @@ detectRow(const PF_LayerDef* matte, PF_LayerDef* scratch, A_long y, A_long left,
 }
 
 // The first column in x..last (inclusive) whose scratch alpha holds the mark, or last + 1.
-// Marks are rare: four pixels are compared at a time.
-inline A_long
-nextMark(const PF_Pixel16* marks, A_long x, A_long last) {
-    const __m128i want = _mm_set1_epi16(static_cast<short>(kIsolatedMark));
-    // Mask bits of the alpha bytes of the first and the second pixel of a 16-byte load.
-    constexpr int kFirst = 0x3;
-    constexpr int kSecond = 0x300;
-    for (; x + 3 <= last; x += 4) {
-        const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(marks + x));
-        const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(marks + x + 2));
-        const int ma = _mm_movemask_epi8(_mm_cmpeq_epi16(a, want)) & (kFirst | kSecond);
-        const int mb = _mm_movemask_epi8(_mm_cmpeq_epi16(b, want)) & (kFirst | kSecond);
-        if ((ma | mb) != 0) {
-            if (ma != 0) {
-                return (ma & kFirst) != 0 ? x : x + 1;
-            }
-            return (mb & kFirst) != 0 ? x + 2 : x + 3;
-        }
-    }
-    for (; x <= last; ++x) {
-        if (marks[x].alpha == kIsolatedMark) {
-            return x;
-        }
-    }
-    return last + 1;
-}
 
 // Switches the marked pixels of row y and clears their marks.
 void
@@ -96,7 +69,7 @@ applyRow(PF_LayerDef* matte, PF_LayerDef* scratch, A_long y, A_long left, A_long
          A_u_short newAlpha) {
     PF_Pixel16* here = row16(matte, y);
     PF_Pixel16* marks = row16(scratch, y);
-    for (A_long x = nextMark(marks, left, right); x <= right; x = nextMark(marks, x + 1, right)) {
+    for (A_long x = findChannelValueInRow<kChannelAlpha>(marks, left, right, kIsolatedMark); x <= right; x = findChannelValueInRow<kChannelAlpha>(marks, x + 1, right, kIsolatedMark)) {
         here[x].alpha = newAlpha;
         marks[x].alpha = 0;
     }

@@ -165,3 +165,22 @@ TEST(MatteTest, ProbesOutsideWideShortFramesAreSkipped)
     wide.set(kAlpha, 3, 3, 500);  // reached once the step has halved to 4
     EXPECT_TRUE(Is_ThereAMaskAtAll(wide));
 }
+
+TEST(RowSearch, FindsTheFirstMatchingChannelFromAnyStart)
+{
+    // Rows of odd lengths so both the four-pixel steps and the tail are exercised.
+    for (int width : {1, 3, 4, 5, 9, 17}) {
+        OwnedWorld w(width, 1);
+        w.fill({1, 2, 3, 4});
+        const int hit = width - 1;
+        w.set(kGreen, hit, 0, 777);
+        const PF_Pixel16* row = &w.at(0, 0);
+        for (int from = 0; from <= hit; ++from) {
+            EXPECT_EQ(findChannelValueInRow<kChannelGreen>(row, from, width - 1, 777), hit);
+        }
+        // Another channel holding the value does not match; a miss gives last + 1.
+        EXPECT_EQ(findChannelValueInRow<kChannelRed>(row, 0, width - 1, 777), width);
+        EXPECT_EQ(findChannelValueInRow<kChannelAlpha>(row, 0, width - 1, 1), 0);
+        EXPECT_EQ(findChannelValueInRow<kChannelBlue>(row, 0, hit - 1, 777), hit);
+    }
+}
