@@ -756,7 +756,32 @@ struct Feather {
         }
         const PF_Pixel16* bandRow = row16(scratch, y);
         PF_Pixel16* out = row16(redMask, y);
-        for (A_long x = 0; x < width; ++x) {
+        A_long x = 0;
+#if defined(__SSE2__)
+        // Two pixels at a time: a band pixel's alpha and blue lanes are taken from the mark and
+        // the average, every other lane of a pair with a band pixel is stored back as it was.
+        const __m128i mark = _mm_set1_epi16(static_cast<short>(kFeatherBandMark));
+        const __m128i alphaLanes = _mm_set_epi16(0, 0, 0, -1, 0, 0, 0, -1);
+        const __m128i blueLanes = _mm_set_epi16(-1, 0, 0, 0, -1, 0, 0, 0);
+        const __m128i full = _mm_set1_epi16(static_cast<short>(kFull));
+        for (; x + 2 <= width; x += 2) {
+            const __m128i band = _mm_loadu_si128(reinterpret_cast<const __m128i*>(bandRow + x));
+            // Each pixel's alpha test spread over its four lanes.
+            const __m128i isBand =
+                _mm_shufflelo_epi16(_mm_shufflehi_epi16(_mm_cmpeq_epi16(band, mark), 0), 0);
+            if (_mm_movemask_epi8(isBand) == 0) {
+                continue;  // pixels outside the band are left untouched
+            }
+            const __m128i old = _mm_loadu_si128(reinterpret_cast<const __m128i*>(out + x));
+            const __m128i fresh =
+                _mm_or_si128(_mm_and_si128(alphaLanes, full), _mm_and_si128(blueLanes, band));
+            const __m128i take = _mm_and_si128(isBand, _mm_or_si128(alphaLanes, blueLanes));
+            const __m128i result =
+                _mm_or_si128(_mm_and_si128(take, fresh), _mm_andnot_si128(take, old));
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(out + x), result);
+        }
+#endif
+        for (; x < width; ++x) {
             if (bandRow[x].alpha == kFeatherBandMark) {
                 out[x].blue = bandRow[x].blue;
                 out[x].alpha = kFull;
@@ -769,14 +794,7 @@ struct Feather {
             if (!marked.get(y)) {
                 continue;
             }
-            const PF_Pixel16* bandRow = row16(scratch, y);
-            PF_Pixel16* out = row16(redMask, y);
-            for (A_long x = 0; x < width; ++x) {
-                if (bandRow[x].alpha == kFeatherBandMark) {
-                    out[x].blue = bandRow[x].blue;
-                    out[x].alpha = kFull;
-                }
-            }
+            writeBackRow(y, marked);
         }
     }
 };
