@@ -56,10 +56,7 @@ storeMeans(PF_Pixel16* pixel, Lanes sums, float reciprocal) {
 #if defined(__SSE2__)
 // storeMeans for two neighbouring pixels at once, their alphas taken from `alphas`. The 16-bit
 // results 0..65535 are moved to -32768..32767 so that the signed pack is exact, limited to
-// 32768 there (as 0) and moved back. Streamed: a 16-byte aligned store that bypasses the
-// caches (the output is not read again before the next pass, which starts at the far end of
-// the world), so the destination's lines are not read in first.
-template <bool Streamed>
+// 32768 there (as 0) and moved back.
 inline void
 storeMeansPair(PF_Pixel16* pixels, Lanes first, Lanes second, float reciprocal,
                const PF_Pixel16* alphas) {
@@ -78,11 +75,7 @@ storeMeansPair(PF_Pixel16* pixels, Lanes first, Lanes second, float reciprocal,
     const __m128i source = _mm_loadu_si128(reinterpret_cast<const __m128i*>(alphas));
     const __m128i result =
         _mm_or_si128(_mm_and_si128(alphaLanes, source), _mm_andnot_si128(alphaLanes, packed));
-    if constexpr (Streamed) {
-        _mm_stream_si128(reinterpret_cast<__m128i*>(pixels), result);
-    } else {
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(pixels), result);
-    }
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(pixels), result);
 }
 #endif
 
@@ -108,6 +101,9 @@ struct BoxPass {
     A_long radius;
     A_long margin;
     bool skipSolidInteriors;
+    // Rows from the last to the first: the pass then starts on the rows the previous pass
+    // wrote last, while they are still cached.
+    bool upward;
     const SegmentArray* segments;
     const float* reciprocal;
 
@@ -194,26 +190,11 @@ struct BoxPass {
             }
         }
 #if defined(__SSE2__)
-        // One pixel first when that makes the pairs' stores 16-byte aligned.
-        if (x < fullEnd && (reinterpret_cast<uintptr_t>(&dst[x]) & 15) == 8) {
+        for (; x < fullEnd; x += 2, entering += 8, leaving += 8) {
             h += loadLanes(entering) - loadLanes(leaving);
-            emit(x, k);
-            ++x;
-            entering += 4;
-            leaving += 4;
-        }
-        auto pairs = [&]<bool Streamed>() {
-            for (; x < fullEnd; x += 2, entering += 8, leaving += 8) {
-                h += loadLanes(entering) - loadLanes(leaving);
-                const Lanes first = h;
-                h += loadLanes(entering + 4) - loadLanes(leaving + 4);
-                storeMeansPair<Streamed>(&dst[x], first, h, k, &src[x]);
-            }
-        };
-        if ((reinterpret_cast<uintptr_t>(&dst[x]) & 15) == 0) {
-            pairs.template operator()<true>();
-        } else {
-            pairs.template operator()<false>();
+            const Lanes first = h;
+            h += loadLanes(entering + 4) - loadLanes(leaving + 4);
+            storeMeansPair(&dst[x], first, h, k, &src[x]);
         }
 #endif
         for (; x <= fullEnd; ++x, entering += 4, leaving += 4) {
@@ -278,22 +259,28 @@ struct BoxPass {
         const A_long n = 4 * (b - a + 1);
         int32_t* v = sums.lane + 4 * (a - base);
         std::fill(v, v + n, 0);
-        // Sums for the window of row -1: rows 0..radius - 1.
-        for (A_long y = 0; y < std::min(radius, height); ++y) {
-            const A_u_short* plus = lanes(row16(in, y), a);
+        // Rows are visited from first to last in steps of `step` (1 down, -1 up); each row's
+        // window sums are the same either way.
+        const A_long step = upward ? -1 : 1;
+        const A_long first = upward ? height - 1 : 0;
+        auto inside = [&](A_long y) { return y >= 0 && y < height; };
+        // Sums for the window of the row before the first: its radius rows on the first's side.
+        for (A_long k = 0; k < std::min(radius, height); ++k) {
+            const A_u_short* plus = lanes(row16(in, first + step * k), a);
             for (A_long i = 0; i < n; ++i) {
                 v[i] += plus[i];
             }
         }
-        for (A_long y = 0; y < height; ++y) {
-            const bool adds = y + radius < height;
-            const bool drops = y - radius - 1 >= 0;
-            const A_u_short* plus = adds ? lanes(row16(in, y + radius), a) : nullptr;
-            const A_u_short* minus = drops ? lanes(row16(in, y - radius - 1), a) : nullptr;
-            if (y + radius + 1 < height) {
+        for (A_long k = 0; k < height; ++k) {
+            const A_long y = first + step * k;
+            const bool adds = inside(y + step * radius);
+            const bool drops = inside(y - step * (radius + 1));
+            const A_u_short* plus = adds ? lanes(row16(in, y + step * radius), a) : nullptr;
+            const A_u_short* minus = drops ? lanes(row16(in, y - step * (radius + 1)), a) : nullptr;
+            if (inside(y + step * (radius + 1))) {
                 // The row added next comes from memory: ask for it early.
                 const char* ahead =
-                    reinterpret_cast<const char*>(lanes(row16(in, y + radius + 1), a));
+                    reinterpret_cast<const char*>(lanes(row16(in, y + step * (radius + 1)), a));
                 for (A_long i = 0; i < n * 2; i += 64) {
                     __builtin_prefetch(ahead + i);
                 }
@@ -322,9 +309,6 @@ struct BoxPass {
         for (A_long left = 0; left < width; left += kBlurStripColumns) {
             strip<Wide>(sums, left, std::min(left + kBlurStripColumns, width) - 1);
         }
-#if defined(__SSE2__)
-        _mm_sfence();  // the streamed stores are ordered before anything that follows
-#endif
     }
 };
 
@@ -407,9 +391,8 @@ gaussOptimisedBlurCopyFromSegments(PF_InData* in_data, PF_LayerDef* source,
     for (int p = 0; p < 3; ++p) {
         // The window side is 2r + 1 with r = (box - 1) / 2 + 1: two pixels wider than the box.
         const A_long radius = static_cast<int>((boxes.width[p] - 1.0f) / 2.0f) + 1;
-        const BoxPass pass{
-            inputs[p], outputs[p],          width, height, radius, margin, skipSolidInteriors,
-            segments,  dividers->reciprocal};
+        const BoxPass pass{inputs[p], outputs[p],         width,  height,   radius,
+                           margin,    skipSolidInteriors, p == 1, segments, dividers->reciprocal};
         runBoxPass(pass, sums);
     }
 }

@@ -268,7 +268,10 @@ anyValue(std::mt19937& rng, qtest::Channel) {
 }
 
 TEST(NoiseBlur, matches_the_full_window_sums_at_every_level_and_size) {
-    const int sizes[][2] = {{1, 1}, {1, 6}, {6, 1}, {2, 3}, {5, 5}, {17, 9}, {64, 33}, {4200, 7}};
+    // Widths around the four-pixel and two-pixel steps (with their odd tails) and rows that
+    // start 8 bytes off a 16-byte boundary every other row.
+    const int sizes[][2] = {{1, 1},  {1, 6},   {6, 1},  {2, 3},   {5, 5},   {17, 9},
+                            {19, 4}, {23, 11}, {37, 5}, {131, 3}, {64, 33}, {4200, 7}};
     uint32_t seed = 100;
     for (const auto& size : sizes) {
         for (int level = 1; level <= 8; ++level, ++seed) {
