@@ -401,6 +401,10 @@ namespace {
 
 constexpr A_long kNeverMarked = INT32_MIN / 2;
 
+// Widest radius whose window sums fit 32 bits (181 x 181 values of 65535); such radii keep
+// 32-bit column sums for a strip and this many columns beyond each side.
+constexpr A_long kFeatherColumnSumReach = 90;
+
 // Whether rows have any band pixel, for the rows a FillLimitsArray can describe; rows past
 // that (never passed by the render) always count as marked.
 struct MarkedRows {
@@ -503,6 +507,23 @@ struct Feather {
             uint64_t w = 0;
             int j = 0;
 #if defined(__SSE2__)
+            // Sixteen pixels per step: each pixel's blue test is the sign of its second 32-bit
+            // lane (the blue lane's all-ones or zero); those are gathered in pixel order and
+            // packed down to one byte per pixel.
+            auto four = [&](const PF_Pixel16* at) {
+                const __m128i a =
+                    _mm_cmpeq_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(at)), wanted);
+                const __m128i b = _mm_cmpeq_epi16(
+                    _mm_loadu_si128(reinterpret_cast<const __m128i*>(at + 2)), wanted);
+                return _mm_unpacklo_epi64(_mm_shuffle_epi32(a, 0xDD), _mm_shuffle_epi32(b, 0xDD));
+            };
+            for (; j + 16 <= n; j += 16) {
+                const __m128i low = _mm_packs_epi32(four(q + j), four(q + j + 4));
+                const __m128i high = _mm_packs_epi32(four(q + j + 8), four(q + j + 12));
+                const uint64_t m =
+                    static_cast<uint16_t>(_mm_movemask_epi8(_mm_packs_epi16(low, high)));
+                w |= m << j;
+            }
             // Two pixels per load; bytes 7 and 15 hold the high bytes of their blues.
             for (; j + 2 <= n; j += 2) {
                 const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(q + j));
@@ -626,11 +647,88 @@ struct Feather {
         valid = y;
     }
 
+    // Adds, for columns c0..c1, row `plus`'s blue minus row `minus`'s (when given) to
+    // cols[c - c0].
+    static void addColumns(const PF_Pixel16* plus, const PF_Pixel16* minus, A_long c0, A_long c1,
+                           int32_t* cols) {
+        A_long c = c0;
+#if defined(__SSE2__)
+        // The blues of four pixels as four 32-bit lanes.
+        auto blues = [](const PF_Pixel16* p) {
+            const __m128i lo =
+                _mm_srli_epi64(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)), 48);
+            const __m128i hi =
+                _mm_srli_epi64(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 2)), 48);
+            return _mm_unpacklo_epi64(_mm_shuffle_epi32(lo, 0x08), _mm_shuffle_epi32(hi, 0x08));
+        };
+        for (; c + 3 <= c1; c += 4) {
+            int32_t* to = cols + (c - c0);
+            __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(to));
+            v = _mm_add_epi32(v, blues(plus + c));
+            if (minus != nullptr) {
+                v = _mm_sub_epi32(v, blues(minus + c));
+            }
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(to), v);
+        }
+#endif
+        for (; c <= c1; ++c) {
+            cols[c - c0] += plus[c].blue - (minus != nullptr ? minus[c].blue : 0);
+        }
+    }
+
+    // Brings the column sums cols[c - c0] (columns c0..c1: the blue of the 2r + 1 rows around
+    // row y, border rows repeated) to row y, as windowSums does for the window sums.
+    void columnSums(A_long y, A_long& valid, A_long maxStep, A_long c0, A_long c1,
+                    int32_t* cols) const {
+        if (valid != INT32_MIN && y - valid <= maxStep) {
+            for (A_long v = valid + 1; v <= y; ++v) {
+                addColumns(row16(redMask, std::min(v + radius, lastRow)),
+                           row16(redMask, std::max<A_long>(v - radius - 1, 0)), c0, c1, cols);
+            }
+        } else {
+            std::fill(cols, cols + (c1 - c0 + 1), 0);
+            for (A_long d = -radius; d <= radius; ++d) {
+                addColumns(row16(redMask, clampIndex(y + d, lastRow)), nullptr, c0, c1, cols);
+            }
+        }
+        valid = y;
+    }
+
+    // The window sums of columns left..right (into sums[x - a]) from the column sums: slid
+    // along the row, clamped at the frame's sides. The step is taken as one difference so
+    // that no partial sum leaves the range of the window sums.
+    void rowSums(const int32_t* cols, A_long c0, A_long left, A_long right, A_long a,
+                 Sum* sums) const {
+        const A_long lastColumn = width - 1;
+        const int32_t* at = cols - c0;  // at[c] is column c's sum
+        int32_t h = 0;
+        for (A_long d = -radius; d <= radius; ++d) {
+            h += at[clampIndex(left + d, lastColumn)];
+        }
+        sums[left - a] = h;
+        A_long x = left + 1;
+        for (; x <= right && x - radius - 1 < 0; ++x) {
+            h +=
+                at[clampIndex(x + radius, lastColumn)] - at[clampIndex(x - radius - 1, lastColumn)];
+            sums[x - a] = h;
+        }
+        const A_long fullEnd = std::min(right, lastColumn - radius);
+        for (; x <= fullEnd; ++x) {
+            h += at[x + radius] - at[x - radius - 1];
+            sums[x - a] = h;
+        }
+        for (; x <= right; ++x) {
+            h +=
+                at[clampIndex(x + radius, lastColumn)] - at[clampIndex(x - radius - 1, lastColumn)];
+            sums[x - a] = h;
+        }
+    }
+
     // writeBehind: the strip is the whole frame width, so each row can be written back into
     // the red mask as soon as no later window or edge test reads it (2r + 1 rows behind the
     // band). Otherwise writeBack runs after every strip is done.
     void sweepStrip(A_long stripLeft, A_long stripRight, A_long* lastEdgeRow, Sum* sums,
-                    TargetBits& bits, MarkedRows& marked, bool writeBehind) const {
+                    int32_t* cols, TargetBits& bits, MarkedRows& marked, bool writeBehind) const {
         bits.rowOf[0] = bits.rowOf[1] = bits.rowOf[2] = -1;
         const A_long columns = stripRight - stripLeft + 1;
         std::fill(lastEdgeRow, lastEdgeRow + columns, kNeverMarked);
@@ -666,7 +764,15 @@ struct Feather {
             if (y < top || y > bottom || left > right) {
                 return;
             }
-            windowSums(y, valid, maxStep, a, b, sums);
+            if constexpr (sizeof(Sum) == sizeof(int32_t)) {
+                // Column sums slid down, then each row's window sums over its limits only.
+                const A_long c0 = std::max<A_long>(a - radius, 0);
+                const A_long c1 = std::min(b + radius, width - 1);
+                columnSums(y, valid, maxStep, c0, c1, cols);
+                rowSums(cols, c0, left, right, a, sums);
+            } else {
+                windowSums(y, valid, maxStep, a, b, sums);
+            }
             averageRow(out, sums, a, left, right, area);
         };
 
@@ -788,12 +894,13 @@ runFeather(const Feather<Sum>& feather) {
     MarkedRows marked{};
     A_long lastEdgeRow[kFeatherStripColumns];
     Sum sums[kFeatherStripColumns];
+    int32_t cols[kFeatherStripColumns + 2 * kFeatherColumnSumReach];
     TargetBits bits;
     const bool oneStrip = feather.width <= kFeatherStripColumns;
     for (A_long left = 0; left < feather.width; left += kFeatherStripColumns) {
         feather.lastScanRecorded = kNeverMarked;
         feather.sweepStrip(left, std::min(left + kFeatherStripColumns, feather.width) - 1,
-                           lastEdgeRow, sums, bits, marked, oneStrip);
+                           lastEdgeRow, sums, cols, bits, marked, oneStrip);
     }
     if (!oneStrip) {
         feather.writeBack(marked);
@@ -832,8 +939,7 @@ boxblur_RedmaskEdgeBlue(PF_InData* /*in_data*/, PF_LayerDef* redMask, int width,
         std::fill(out + std::min<A_long>(from, scratch->width), out + scratch->width,
                   PF_Pixel16{0, 0, 0, 0});
     }
-    // Window sums of up to 181 x 181 values of 65535 fit 32 bits.
-    if (radius <= 90) {
+    if (radius <= kFeatherColumnSumReach) {
         runFeather(Feather<int32_t>{redMask, scratch, limits, width, height, lastRow, radius,
                                     target, sumLeft, sumRight});
     } else {

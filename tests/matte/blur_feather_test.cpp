@@ -411,7 +411,8 @@ TEST(Feather, blur_black_averages_around_the_clear_pixels) {
 }
 
 TEST(Feather, matches_the_plain_squares_and_sums_on_random_planes) {
-    const int sizes[][2] = {{1, 1}, {3, 3}, {2, 9}, {9, 2}, {31, 17}, {64, 40}, {150, 61}};
+    const int sizes[][2] = {{1, 1},   {3, 3},   {2, 9},   {9, 2},
+                            {31, 17}, {64, 40}, {97, 13}, {150, 61}};
     const int radii[] = {1, 2, 3, 4, 5, 8, 20, 91};  // 91: sums past 32 bits
     uint32_t seed = 900;
     for (const auto& size : sizes) {
