@@ -404,6 +404,7 @@ constexpr A_long kNeverMarked = INT32_MIN / 2;
 // Widest radius whose window sums fit 32 bits (181 x 181 values of 65535); such radii keep
 // 32-bit column sums for a strip and this many columns beyond each side.
 constexpr A_long kFeatherColumnSumReach = 90;
+constexpr A_long kFeatherColumnSpan = kFeatherStripColumns + 2 * kFeatherColumnSumReach + 1;
 
 // Whether rows have any band pixel, for the rows a FillLimitsArray can describe; rows past
 // that (never passed by the render) always count as marked.
@@ -694,41 +695,75 @@ struct Feather {
         valid = y;
     }
 
-    // The window sums of columns left..right (into sums[x - a]) from the column sums: slid
-    // along the row, clamped at the frame's sides. The step is taken as one difference so
-    // that no partial sum leaves the range of the window sums.
-    void rowSums(const int32_t* cols, A_long c0, A_long left, A_long right, A_long a,
-                 Sum* sums) const {
+    // Window sums of columns from..to (into sums[x - a]) slid along from a fresh sum at
+    // `from`, the columns clamped at the frame's sides. Each step is taken as one difference
+    // so that no partial sum leaves the range of the window sums.
+    void slideClamped(const int32_t* at, A_long from, A_long to, A_long a, Sum* sums) const {
+        if (from > to) {
+            return;
+        }
         const A_long lastColumn = width - 1;
-        const int32_t* at = cols - c0;  // at[c] is column c's sum
         int32_t h = 0;
         for (A_long d = -radius; d <= radius; ++d) {
-            h += at[clampIndex(left + d, lastColumn)];
+            h += at[clampIndex(from + d, lastColumn)];
         }
-        sums[left - a] = h;
-        A_long x = left + 1;
-        for (; x <= right && x - radius - 1 < 0; ++x) {
-            h +=
-                at[clampIndex(x + radius, lastColumn)] - at[clampIndex(x - radius - 1, lastColumn)];
-            sums[x - a] = h;
-        }
-        const A_long fullEnd = std::min(right, lastColumn - radius);
-        for (; x <= fullEnd; ++x) {
-            h += at[x + radius] - at[x - radius - 1];
-            sums[x - a] = h;
-        }
-        for (; x <= right; ++x) {
+        sums[from - a] = h;
+        for (A_long x = from + 1; x <= to; ++x) {
             h +=
                 at[clampIndex(x + radius, lastColumn)] - at[clampIndex(x - radius - 1, lastColumn)];
             sums[x - a] = h;
         }
     }
 
+    // The window sums of columns left..right (into sums[x - a]) from the column sums
+    // cols[c - c0]. Where no clamping is needed, as differences of running totals of the
+    // column sums (`totals`, kFeatherColumnSpan entries) kept modulo 2^32: the differences
+    // are below 2^31, so they come out exact.
+    void rowSums(const int32_t* cols, A_long c0, A_long left, A_long right, A_long a, Sum* sums,
+                 uint32_t* totals) const {
+        const int32_t* at = cols - c0;  // at[c] is column c's sum
+        const A_long i0 = std::max(left, radius + 1);
+        const A_long i1 = std::min(right, width - 1 - radius);
+        if (i0 > i1) {
+            slideClamped(at, left, right, a, sums);
+            return;
+        }
+        slideClamped(at, left, i0 - 1, a, sums);
+        // totals[j] = sum of columns i0 - r .. i0 - r + j - 1.
+        const int32_t* in = at + (i0 - radius);
+        const A_long n = i1 - i0 + 2 * radius + 1;
+        totals[0] = 0;
+        A_long j = 0;
+        uint32_t carry = 0;
+#if defined(__SSE2__)
+        __m128i run = _mm_setzero_si128();
+        for (; j + 4 <= n; j += 4) {
+            __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + j));
+            v = _mm_add_epi32(v, _mm_slli_si128(v, 4));
+            v = _mm_add_epi32(v, _mm_slli_si128(v, 8));
+            v = _mm_add_epi32(v, run);
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(totals + j + 1), v);
+            run = _mm_shuffle_epi32(v, 0xFF);
+        }
+        carry = static_cast<uint32_t>(_mm_cvtsi128_si32(run));
+#endif
+        for (; j < n; ++j) {
+            carry += static_cast<uint32_t>(in[j]);
+            totals[j + 1] = carry;
+        }
+        const A_long span = 2 * radius + 1;
+        for (A_long x = i0; x <= i1; ++x) {
+            sums[x - a] = static_cast<int32_t>(totals[x - i0 + span] - totals[x - i0]);
+        }
+        slideClamped(at, i1 + 1, right, a, sums);
+    }
+
     // writeBehind: the strip is the whole frame width, so each row can be written back into
     // the red mask as soon as no later window or edge test reads it (2r + 1 rows behind the
     // band). Otherwise writeBack runs after every strip is done.
     void sweepStrip(A_long stripLeft, A_long stripRight, A_long* lastEdgeRow, Sum* sums,
-                    int32_t* cols, TargetBits& bits, MarkedRows& marked, bool writeBehind) const {
+                    int32_t* cols, uint32_t* totals, TargetBits& bits, MarkedRows& marked,
+                    bool writeBehind) const {
         bits.rowOf[0] = bits.rowOf[1] = bits.rowOf[2] = -1;
         const A_long columns = stripRight - stripLeft + 1;
         std::fill(lastEdgeRow, lastEdgeRow + columns, kNeverMarked);
@@ -769,7 +804,7 @@ struct Feather {
                 const A_long c0 = std::max<A_long>(a - radius, 0);
                 const A_long c1 = std::min(b + radius, width - 1);
                 columnSums(y, valid, maxStep, c0, c1, cols);
-                rowSums(cols, c0, left, right, a, sums);
+                rowSums(cols, c0, left, right, a, sums, totals);
             } else {
                 windowSums(y, valid, maxStep, a, b, sums);
             }
@@ -847,27 +882,37 @@ struct Feather {
         PF_Pixel16* out = row16(redMask, y);
         A_long x = 0;
 #if defined(__SSE2__)
-        // Two pixels at a time: a band pixel's alpha and blue lanes are taken from the mark and
-        // the average, every other lane of a pair with a band pixel is stored back as it was.
+        // Eight pixels (a 64-byte run) at a time: a band pixel's alpha and blue lanes are taken
+        // from the mark and the average, every other lane of a run with a band pixel is stored
+        // back as it was; runs without one are not touched.
         const __m128i mark = _mm_set1_epi16(static_cast<short>(kFeatherBandMark));
         const __m128i alphaLanes = _mm_set_epi16(0, 0, 0, -1, 0, 0, 0, -1);
         const __m128i blueLanes = _mm_set_epi16(-1, 0, 0, 0, -1, 0, 0, 0);
         const __m128i full = _mm_set1_epi16(static_cast<short>(kFull));
-        for (; x + 2 <= width; x += 2) {
-            const __m128i band = _mm_loadu_si128(reinterpret_cast<const __m128i*>(bandRow + x));
-            // Each pixel's alpha test spread over its four lanes.
-            const __m128i isBand =
-                _mm_shufflelo_epi16(_mm_shufflehi_epi16(_mm_cmpeq_epi16(band, mark), 0), 0);
-            if (_mm_movemask_epi8(isBand) == 0) {
-                continue;  // pixels outside the band are left untouched
+        const __m128i fixedLanes = _mm_and_si128(alphaLanes, full);
+        const __m128i takenLanes = _mm_or_si128(alphaLanes, blueLanes);
+        for (; x + 8 <= width; x += 8) {
+            __m128i band[4];
+            __m128i isBand[4];
+            for (int i = 0; i < 4; ++i) {
+                band[i] = _mm_loadu_si128(reinterpret_cast<const __m128i*>(bandRow + x + 2 * i));
+                // Each pixel's alpha test spread over its four lanes.
+                isBand[i] =
+                    _mm_shufflelo_epi16(_mm_shufflehi_epi16(_mm_cmpeq_epi16(band[i], mark), 0), 0);
             }
-            const __m128i old = _mm_loadu_si128(reinterpret_cast<const __m128i*>(out + x));
-            const __m128i fresh =
-                _mm_or_si128(_mm_and_si128(alphaLanes, full), _mm_and_si128(blueLanes, band));
-            const __m128i take = _mm_and_si128(isBand, _mm_or_si128(alphaLanes, blueLanes));
-            const __m128i result =
-                _mm_or_si128(_mm_and_si128(take, fresh), _mm_andnot_si128(take, old));
-            _mm_storeu_si128(reinterpret_cast<__m128i*>(out + x), result);
+            const __m128i any = _mm_or_si128(_mm_or_si128(isBand[0], isBand[1]),
+                                             _mm_or_si128(isBand[2], isBand[3]));
+            if (_mm_movemask_epi8(any) == 0) {
+                continue;
+            }
+            for (int i = 0; i < 4; ++i) {
+                __m128i* to = reinterpret_cast<__m128i*>(out + x + 2 * i);
+                const __m128i old = _mm_loadu_si128(to);
+                const __m128i fresh = _mm_or_si128(fixedLanes, _mm_and_si128(blueLanes, band[i]));
+                const __m128i take = _mm_and_si128(isBand[i], takenLanes);
+                _mm_storeu_si128(
+                    to, _mm_or_si128(_mm_and_si128(take, fresh), _mm_andnot_si128(take, old)));
+            }
         }
 #endif
         for (; x < width; ++x) {
@@ -894,13 +939,14 @@ runFeather(const Feather<Sum>& feather) {
     MarkedRows marked{};
     A_long lastEdgeRow[kFeatherStripColumns];
     Sum sums[kFeatherStripColumns];
-    int32_t cols[kFeatherStripColumns + 2 * kFeatherColumnSumReach];
+    int32_t cols[kFeatherColumnSpan];
+    uint32_t totals[kFeatherColumnSpan];
     TargetBits bits;
     const bool oneStrip = feather.width <= kFeatherStripColumns;
     for (A_long left = 0; left < feather.width; left += kFeatherStripColumns) {
         feather.lastScanRecorded = kNeverMarked;
         feather.sweepStrip(left, std::min(left + kFeatherStripColumns, feather.width) - 1,
-                           lastEdgeRow, sums, cols, bits, marked, oneStrip);
+                           lastEdgeRow, sums, cols, totals, bits, marked, oneStrip);
     }
     if (!oneStrip) {
         feather.writeBack(marked);
