@@ -1,6 +1,7 @@
 #include "matte/blur_feather.h"
 
 #include <algorithm>
+#include <atomic>
 #include <bit>
 #include <climits>
 #include <cstdint>
@@ -323,10 +324,12 @@ runBoxPassWide(const BoxPass& pass, ColumnSums& sums) {
 }
 #endif
 
+std::atomic<bool> wideBlurAllowed{true};
+
 void
 runBoxPass(const BoxPass& pass, ColumnSums& sums) {
 #if defined(QUORVANE_BLUR_WIDE)
-    if (__builtin_cpu_supports("avx2")) {
+    if (wideBlurAllowed.load(std::memory_order_relaxed) && __builtin_cpu_supports("avx2")) {
         runBoxPassWide(pass, sums);
         return;
     }
@@ -335,6 +338,11 @@ runBoxPass(const BoxPass& pass, ColumnSums& sums) {
 }
 
 }  // namespace
+
+void
+allowWideNoiseBlur(bool allowed) {
+    wideBlurAllowed.store(allowed, std::memory_order_relaxed);
+}
 
 GaussBoxes
 boxesForGauss(PF_InData* in_data, float sigma, float n) {

@@ -272,20 +272,26 @@ TEST(NoiseBlur, matches_the_full_window_sums_at_every_level_and_size) {
     // start 8 bytes off a 16-byte boundary every other row.
     const int sizes[][2] = {{1, 1},  {1, 6},   {6, 1},  {2, 3},   {5, 5},   {17, 9},
                             {19, 4}, {23, 11}, {37, 5}, {131, 3}, {64, 33}, {4200, 7}};
-    uint32_t seed = 100;
-    for (const auto& size : sizes) {
-        for (int level = 1; level <= 8; ++level, ++seed) {
-            const OwnedWorld start = qtest::randomWorld(size[0], size[1], seed, anyValue);
-            OwnedWorld srcA = start, dstA(size[0], size[1]);
-            OwnedWorld srcB = start, dstB(size[0], size[1]);
-            BlurTables a, b;
-            qtest::AnsiInData in;
-            plainBlur(in.get(), srcA, dstA, a.segments.get(), 0, level, true, false, &a.dividers);
-            gaussOptimisedBlurCopyFromSegments(in.get(), srcB, dstB, b.segments.get(), 0, level,
-                                               true, false, &b.bfg, &b.dividers);
-            ASSERT_TRUE(qtest::SameWorld(dstA, dstB)) << size[0] << "x" << size[1] << " L" << level;
-            ASSERT_TRUE(qtest::SameWorld(srcA, srcB)) << "second pass left in the source";
-            ASSERT_TRUE(dstB.paddingIntact() && srcB.paddingIntact());
+    // Both builds of the passes: the portable one and, where the processor has it, AVX2.
+    for (bool wide : {false, true}) {
+        allowWideNoiseBlur(wide);
+        uint32_t seed = 100;
+        for (const auto& size : sizes) {
+            for (int level = 1; level <= 8; ++level, ++seed) {
+                const OwnedWorld start = qtest::randomWorld(size[0], size[1], seed, anyValue);
+                OwnedWorld srcA = start, dstA(size[0], size[1]);
+                OwnedWorld srcB = start, dstB(size[0], size[1]);
+                BlurTables a, b;
+                qtest::AnsiInData in;
+                plainBlur(in.get(), srcA, dstA, a.segments.get(), 0, level, true, false,
+                          &a.dividers);
+                gaussOptimisedBlurCopyFromSegments(in.get(), srcB, dstB, b.segments.get(), 0, level,
+                                                   true, false, &b.bfg, &b.dividers);
+                ASSERT_TRUE(qtest::SameWorld(dstA, dstB))
+                    << size[0] << "x" << size[1] << " L" << level << (wide ? " wide" : "");
+                ASSERT_TRUE(qtest::SameWorld(srcA, srcB)) << "second pass left in the source";
+                ASSERT_TRUE(dstB.paddingIntact() && srcB.paddingIntact());
+            }
         }
     }
 }
