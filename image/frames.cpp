@@ -60,6 +60,13 @@ resample8To16(const PF_LayerDef* input, PF_LayerDef* working, int width, int hei
     for (A_long y = 0; y < height; ++y) {
         const PF_Pixel* in = row8(input, std::min<A_long>(A_long(float(y) * sy), lastY));
         PF_Pixel16* out = row16(working, y);
+        if (input->width == width) {
+            // The same width: x × 1.0f is x exactly, so every column maps to itself.
+            for (A_long x = 0; x < width; ++x) {
+                out[x] = convertPix8To16(&in[x]);
+            }
+            continue;
+        }
         for (A_long x = 0; x < width; ++x) {
             out[x] = convertPix8To16(&in[std::min<A_long>(A_long(float(x) * sx), lastX)]);
         }
