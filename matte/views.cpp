@@ -113,8 +113,12 @@ showColorInfo(PF_LayerDef* alphaWorld, PF_LayerDef* redMask, const PF_LayerDef* 
             } else if (code == kClassKept) {
                 cls[x] = kInfoKept;
             } else {
-                const PF_Pixel16 o =
-                    deepInput ? *getPixel16(input, x, y) : convertPix8To16(getPixel8(input, x, y));
+                // An input layer smaller than the frame (or none at all) has no matte to show
+                // beyond its own pixels.
+                const bool inInput = input->data != nullptr && x < input->width && y < input->height;
+                const PF_Pixel16 o = !inInput    ? PF_Pixel16{0, 0, 0, 0}
+                                     : deepInput ? *getPixel16(input, x, y)
+                                                 : convertPix8To16(getPixel8(input, x, y));
                 if (a == 0 && o.alpha > 0) {
                     // Matte the cleaning removed: a dim green-blue mark of the input's colour.
                     const A_long green = std::min<A_long>(5000, 2 * (o.red + o.green));

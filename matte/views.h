@@ -31,7 +31,8 @@ void showAlphaAsGrey(PF_LayerDef* output, FillLimitsArray* limits, int width, in
 // Writes   alphaWorld, then every pixel of output
 // Order    first match wins: a = 1; region code 16384 / 24576 / 8192; a = 0 with o > 0
 //          (removed matte); otherwise the alpha world's colour at full opacity
-// Quirks   nothing here depends on the limits
+// Quirks   nothing here depends on the limits; where the input layer has no pixel (a smaller
+//          layer, or none) it counts as transparent
 void showColorInfo(PF_LayerDef* alphaWorld, PF_LayerDef* redMask, const PF_LayerDef* input,
                    PF_LayerDef* output, int width, int height);
 

@@ -199,3 +199,22 @@ TEST(RedMaskView, MarkersGetABoxAndFourBars)
     EXPECT_EQ(out.at(5, 15).green, 5000);
     EXPECT_TRUE(out.paddingIntact());
 }
+
+TEST(ColorInfoView, AnInputSmallerThanTheFrameCountsAsTransparentBeyondItsEdge)
+{
+    OwnedWorld alpha(4, 2);  // alpha 0 everywhere: "removed" wherever the input had matte
+    OwnedWorld mask(4, 2);
+    OwnedWorld input(2, 1);
+    input.fill({1000, 0, 0, 0});
+    OwnedWorld out(4, 2);
+    showColorInfo(alpha, mask, input, out, 4, 2);
+    EXPECT_EQ(out.at(1, 0).blue, 2000);  // inside the input: its alpha shows
+    EXPECT_EQ(out.at(3, 0).blue, 0);     // beyond it: nothing was removed
+    EXPECT_EQ(out.at(0, 1).blue, 0);
+    EXPECT_EQ(out.at(3, 1).alpha, 32768);
+
+    PF_LayerDef none{};  // no layer chosen
+    alpha.fill({0, 0, 0, 0});  // the view rewrote the alpha world
+    showColorInfo(alpha, mask, &none, out, 4, 2);
+    EXPECT_EQ(out.at(0, 0).blue, 0);
+}
