@@ -239,3 +239,22 @@ TEST(RenderExits, AStageWorldThatCannotBeMadeEndsTheRenderQuietly)
     EXPECT_TRUE(outputStillPreset(session, 4));
     expectEverythingReturned(session);
 }
+
+TEST(RenderPaths, OutputLargerThanTheInputLayerIsFilledWithoutReadingPastIt)
+{
+    // A host may hand an output world larger than the input layer; every view must stay
+    // inside the layer's pixels (the sanitizer build checks the reads).
+    for (bool deep : {true, false}) {
+        auto source = keyedSource(60, 100, 3, deep);
+        for (int process : {1, 2, 3, 5}) {
+            SCOPED_TRACE(testing::Message() << (deep ? "16-bit" : "8-bit") << " process " << process);
+            Session session(plugin(), {.deep = deep, .source = source.get()});
+            ASSERT_EQ(session.start(), PF_Err_NONE);
+            session.setOutput(quorvane::headless::World(120, 100, deep));
+            session.setPopup(kProcess, process);
+            session.setPopup(kFurtherProcessing, kRemoveSmaller);
+            ASSERT_EQ(session.runFrame(1), PF_Err_NONE);
+            expectEverythingReturned(session);
+        }
+    }
+}
