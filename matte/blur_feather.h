@@ -5,6 +5,7 @@
 
 #include "AEConfig.h"
 #include "AE_Effect.h"
+#include "matte/markers.h"
 
 struct FillLimitsArray;
 
@@ -56,8 +57,6 @@ struct GaussBoxes {
     float width[10];
 };
 
-// Marks a scratch pixel of the feather's band (its alpha and red both take this value).
-constexpr A_u_short kFeatherBandMark = 30000;
 
 static_assert(std::is_trivial_v<SegmentArray> && std::is_standard_layout_v<SegmentArray>);
 static_assert(std::is_trivial_v<BFGarray> && std::is_trivial_v<DividerArray>);

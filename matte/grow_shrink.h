@@ -2,17 +2,10 @@
 
 #include "AEConfig.h"
 #include "AE_Effect.h"
+#include "matte/markers.h"
 
 struct FillLimitsArray;
 
-// Red-mask alpha marks of the grow direction: a pixel that turns blue in the pass, and one
-// left as it was (also the value the whole frame starts from).
-constexpr A_u_short kGrowMarkTurnsBlue = 30000;
-constexpr A_u_short kGrowMarkUnchanged = 10000;
-// Red-mask alpha marks of the shrink direction: a pixel that keeps its blue (also the value
-// the whole frame is reset to), and one that loses it.
-constexpr A_u_short kShrinkMarkKeeps = 30000;
-constexpr A_u_short kShrinkMarkLoses = 10000;
 
 // Widens the per-row limits so that a growing edge has room: every row's span comes to cover
 // the spans of all non-empty rows within `amount` rows of it, widened by `amount`.

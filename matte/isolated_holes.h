@@ -2,11 +2,10 @@
 
 #include "AEConfig.h"
 #include "AE_Effect.h"
+#include "matte/markers.h"
 
 struct FillLimitsArray;
 
-// Scratch alpha of a pixel that is to be switched to the other extreme.
-constexpr A_u_short kIsolatedMark = 10000;
 
 // Switches matte pixels that stand almost alone to the other extreme: a candidate with fewer
 // than two 4-neighbours of its kind becomes 0 (removeSpecks) or 32768 (holes).

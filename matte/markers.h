@@ -36,3 +36,20 @@ constexpr A_u_short kBlueDarkRegion = 10000;  // changed for being dark
 constexpr A_u_short kGreenGuardMarker = 32768;  // a guard marker; a zone is drawn round it
 constexpr A_u_short kGreenGuardZone = 32766;    // inside a guard zone
 constexpr A_u_short kGreenGuardEnd = 32767;     // the value the span-end guard count tests
+
+// Scratch marks of the pixel stages, in the alpha (and red) channels they borrow.
+// Marks a scratch pixel of the feather's band (its alpha and red both take this value).
+constexpr A_u_short kFeatherBandMark = 30000;
+
+// Red-mask alpha marks of the grow direction: a pixel that turns blue in the pass, and one
+// left as it was (also the value the whole frame starts from).
+constexpr A_u_short kGrowMarkTurnsBlue = 30000;
+constexpr A_u_short kGrowMarkUnchanged = 10000;
+
+// Red-mask alpha marks of the shrink direction: a pixel that keeps its blue (also the value
+// the whole frame is reset to), and one that loses it.
+constexpr A_u_short kShrinkMarkKeeps = 30000;
+constexpr A_u_short kShrinkMarkLoses = 10000;
+
+// Scratch alpha of a pixel that is to be switched to the other extreme.
+constexpr A_u_short kIsolatedMark = 10000;
