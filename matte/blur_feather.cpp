@@ -26,6 +26,8 @@ constexpr float kBoxCount = 3.0f;
 // wide keep the reads sequential.
 constexpr A_long kBlurStripColumns = 4096;
 constexpr A_long kBlurMaxRadius = 4;
+// Columns of a whole-row segment slid down and blurred together (2 KiB of vertical sums).
+constexpr A_long kBlurRunColumns = 128;
 constexpr A_long kFeatherStripColumns = 4096;
 
 constexpr A_u_short kFull = 32768;
@@ -207,6 +209,25 @@ struct BoxPass {
         }
     }
 
+    // Whether row y is one segment over the whole row, blurred without a solid interior: row()
+    // would then blur columns 0..width - 1 in one run.
+    bool wholeRow(A_long y) const {
+        if (segments->counts[y] != 1) {
+            return false;
+        }
+        const int32_t* f = segments->slots[y][1].field;
+        if (f[kSegmentStartColumn] - 4 - radius - margin > 0 ||
+            f[kSegmentEndColumn] + 4 + radius + margin < width - 1) {
+            return false;
+        }
+        if (skipSolidInteriors && f[kSegmentSolidFlagB] > 0 && f[kSegmentSolidFlagA] > 0) {
+            const A_long lo = f[kSegmentSolidStart] + radius + 10;
+            const A_long hi = std::max<A_long>(lo, f[kSegmentSolidEnd] - radius - 10);
+            return hi - lo < 2 || width - 1 <= lo || 0 >= hi;
+        }
+        return true;
+    }
+
     // The segments of row y that fall into the strip: blurred, or copied across a solid
     // interior. Segments are handled in slot order, so a later one overwrites an earlier.
     template <bool Wide>
@@ -265,6 +286,7 @@ struct BoxPass {
         const A_long step = upward ? -1 : 1;
         const A_long first = upward ? height - 1 : 0;
         auto inside = [&](A_long y) { return y >= 0 && y < height; };
+        const bool wholeWidth = stripLeft == 0 && stripRight == width - 1;
         // Sums for the window of the row before the first: its radius rows on the first's side.
         for (A_long k = 0; k < std::min(radius, height); ++k) {
             const A_u_short* plus = lanes(row16(in, first + step * k), a);
@@ -278,29 +300,57 @@ struct BoxPass {
             const bool drops = inside(y - step * (radius + 1));
             const A_u_short* plus = adds ? lanes(row16(in, y + step * radius), a) : nullptr;
             const A_u_short* minus = drops ? lanes(row16(in, y - step * (radius + 1)), a) : nullptr;
-            if (inside(y + step * (radius + 1))) {
-                // The row added next comes from memory: ask for it early.
-                const char* ahead =
-                    reinterpret_cast<const char*>(lanes(row16(in, y + step * (radius + 1)), a));
+            // The row added next comes from memory: ask for it early.
+            const char* ahead =
+                inside(y + step * (radius + 1))
+                    ? reinterpret_cast<const char*>(lanes(row16(in, y + step * (radius + 1)), a))
+                    : nullptr;
+            const bool fused = wholeWidth && wholeRow(y);
+            if (ahead != nullptr && !fused) {
                 for (A_long i = 0; i < n * 2; i += 64) {
                     __builtin_prefetch(ahead + i);
                 }
             }
-            if (adds && drops) {
-                for (A_long i = 0; i < n; ++i) {
-                    v[i] += static_cast<int32_t>(plus[i]) - static_cast<int32_t>(minus[i]);
+            // Brings lanes i0..i1 - 1 of the vertical sums to row y.
+            auto slide = [&](A_long i0, A_long i1) {
+                if (adds && drops) {
+                    for (A_long i = i0; i < i1; ++i) {
+                        v[i] += static_cast<int32_t>(plus[i]) - static_cast<int32_t>(minus[i]);
+                    }
+                } else if (adds) {
+                    for (A_long i = i0; i < i1; ++i) {
+                        v[i] += plus[i];
+                    }
+                } else if (drops) {
+                    for (A_long i = i0; i < i1; ++i) {
+                        v[i] -= minus[i];
+                    }
                 }
-            } else if (adds) {
-                for (A_long i = 0; i < n; ++i) {
-                    v[i] += plus[i];
-                }
-            } else if (drops) {
-                for (A_long i = 0; i < n; ++i) {
-                    v[i] -= minus[i];
-                }
-            }
+            };
             const A_long rows =
                 std::min(y + radius, height - 1) - std::max<A_long>(y - radius, 0) + 1;
+            if (fused) {
+                // A whole row in one strip, a run of columns at a time: the run's vertical
+                // sums (with the radius beyond it) are slid down and its outputs written while
+                // those sums are in the first-level cache, and the run's part of the row added
+                // next is asked for, spread over the row rather than in one burst. The window
+                // sums are exact integers, so runs give the same sums as one run.
+                A_long slid = 0;  // columns 0..slid - 1 are at row y
+                for (A_long c = 0; c < width; c += kBlurRunColumns) {
+                    const A_long e = std::min(c + kBlurRunColumns, width) - 1;
+                    if (ahead != nullptr) {
+                        for (A_long i = 8 * c; i < 8 * (e + 1); i += 64) {
+                            __builtin_prefetch(ahead + i);
+                        }
+                    }
+                    const A_long reach = std::min(e + radius, width - 1) + 1;
+                    slide(4 * slid, 4 * reach);
+                    slid = reach;
+                    blurRun<Wide>(sums.lane, base, y, rows, c, e);
+                }
+                continue;
+            }
+            slide(0, n);
             row<Wide>(sums.lane, base, y, rows, stripLeft, stripRight);
         }
     }

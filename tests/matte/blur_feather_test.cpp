@@ -268,10 +268,12 @@ anyValue(std::mt19937& rng, qtest::Channel) {
 }
 
 TEST(NoiseBlur, matches_the_full_window_sums_at_every_level_and_size) {
-    // Widths around the four-pixel and two-pixel steps (with their odd tails) and rows that
-    // start 8 bytes off a 16-byte boundary every other row.
-    const int sizes[][2] = {{1, 1},  {1, 6},   {6, 1},  {2, 3},   {5, 5},   {17, 9},
-                            {19, 4}, {23, 11}, {37, 5}, {131, 3}, {64, 33}, {4200, 7}};
+    // Widths around the four-pixel and two-pixel steps (with their odd tails), around the
+    // 128-column runs of a whole row, and at and past the widest frame blurred in one strip
+    // (4096); rows that start 8 bytes off a 16-byte boundary every other row.
+    const int sizes[][2] = {{1, 1},   {1, 6},   {6, 1},   {2, 3},    {5, 5},    {17, 9},
+                            {19, 4},  {23, 11}, {37, 5},  {131, 3},  {64, 33},  {127, 5},
+                            {128, 6}, {129, 4}, {261, 9}, {4096, 5}, {4097, 4}, {4200, 7}};
     // Both builds of the passes: the portable one and, where the processor has it, AVX2.
     for (bool wide : {false, true}) {
         allowWideNoiseBlur(wide);
@@ -299,42 +301,52 @@ TEST(NoiseBlur, matches_the_full_window_sums_at_every_level_and_size) {
 TEST(NoiseBlur, follows_the_row_segments_margin_and_solid_interiors) {
     // Rows never initialised use slot 0 (columns 0..4 + r + margin); listed rows use slots
     // 1..count; flagged interiors are copied; the destination keeps what no segment covers.
-    uint32_t seed = 500;
-    for (int level : {1, 3, 5, 8}) {
-        for (int round = 0; round < 6; ++round, ++seed) {
-            const int w = 40 + round * 13;
-            const int h = 12;
-            std::mt19937 rng(seed);
-            auto pick = [&](int lo, int hi) {
-                return std::uniform_int_distribution<int>(lo, hi)(rng);
-            };
-            BlurTables a, b;
-            for (int y = 0; y < h; ++y) {
-                a.segments->counts[y] = pick(0, 3) == 0 ? 0 : pick(1, 3);
-                for (int s = 0; s < kSegmentSlotsPerRow; ++s) {
-                    int32_t* f = a.segments->slots[y][s].field;
-                    f[kSegmentStartColumn] = pick(-5, w);
-                    f[kSegmentEndColumn] = pick(f[kSegmentStartColumn] - 3, w + 5);
-                    f[kSegmentSolidStart] = pick(-5, w);
-                    f[kSegmentSolidEnd] = pick(f[kSegmentSolidStart] - 5, w + 10);
-                    f[kSegmentSolidFlagA] = pick(-1, 1);
-                    f[kSegmentSolidFlagB] = pick(0, 2);
+    // Rows of one whole-row segment are mixed in, with and without an interior.
+    for (bool wide : {false, true}) {
+        allowWideNoiseBlur(wide);
+        uint32_t seed = 500;
+        for (int level : {1, 3, 5, 8}) {
+            for (int round = 0; round < 6; ++round, ++seed) {
+                const int w = 40 + round * 53;
+                const int h = 12;
+                std::mt19937 rng(seed);
+                auto pick = [&](int lo, int hi) {
+                    return std::uniform_int_distribution<int>(lo, hi)(rng);
+                };
+                BlurTables a, b;
+                for (int y = 0; y < h; ++y) {
+                    a.segments->counts[y] = pick(0, 3) == 0 ? 0 : pick(1, 3);
+                    for (int s = 0; s < kSegmentSlotsPerRow; ++s) {
+                        int32_t* f = a.segments->slots[y][s].field;
+                        f[kSegmentStartColumn] = pick(-5, w);
+                        f[kSegmentEndColumn] = pick(f[kSegmentStartColumn] - 3, w + 5);
+                        f[kSegmentSolidStart] = pick(-5, w);
+                        f[kSegmentSolidEnd] = pick(f[kSegmentSolidStart] - 5, w + 10);
+                        f[kSegmentSolidFlagA] = pick(-1, 1);
+                        f[kSegmentSolidFlagB] = pick(0, 2);
+                    }
+                    if (pick(0, 2) == 0) {
+                        a.segments->counts[y] = 1;
+                        a.segments->slots[y][1].field[kSegmentStartColumn] = pick(-2, 4);
+                        a.segments->slots[y][1].field[kSegmentEndColumn] = pick(w - 5, w + 2);
+                    }
                 }
+                *b.segments = *a.segments;
+                const OwnedWorld start = qtest::randomWorld(w, h, seed, anyValue);
+                const OwnedWorld destination = qtest::randomWorld(w, h, seed + 1, anyValue);
+                OwnedWorld srcA = start, dstA = destination;
+                OwnedWorld srcB = start, dstB = destination;
+                const int margin = pick(0, 3);
+                const bool skip = round % 3 != 0;
+                qtest::AnsiInData in;
+                plainBlur(in.get(), srcA, dstA, a.segments.get(), margin, level, false, skip,
+                          &a.dividers);
+                gaussOptimisedBlurCopyFromSegments(in.get(), srcB, dstB, b.segments.get(), margin,
+                                                   level, false, skip, &b.bfg, &b.dividers);
+                ASSERT_TRUE(qtest::SameWorld(dstA, dstB))
+                    << "level " << level << " round " << round << (wide ? " wide" : "");
+                ASSERT_TRUE(qtest::SameWorld(srcA, srcB));
             }
-            *b.segments = *a.segments;
-            const OwnedWorld start = qtest::randomWorld(w, h, seed, anyValue);
-            const OwnedWorld destination = qtest::randomWorld(w, h, seed + 1, anyValue);
-            OwnedWorld srcA = start, dstA = destination;
-            OwnedWorld srcB = start, dstB = destination;
-            const int margin = pick(0, 3);
-            const bool skip = round % 3 != 0;
-            qtest::AnsiInData in;
-            plainBlur(in.get(), srcA, dstA, a.segments.get(), margin, level, false, skip,
-                      &a.dividers);
-            gaussOptimisedBlurCopyFromSegments(in.get(), srcB, dstB, b.segments.get(), margin,
-                                               level, false, skip, &b.bfg, &b.dividers);
-            ASSERT_TRUE(qtest::SameWorld(dstA, dstB)) << "level " << level << " round " << round;
-            ASSERT_TRUE(qtest::SameWorld(srcA, srcB));
         }
     }
 }
