@@ -35,12 +35,11 @@ readChannels(const std::string& path, int channels, int* width, int* height)
         ADD_FAILURE() << "cannot read " << path << ": " << buf.geterror();
         return {};
     }
-    const OIIO::ImageSpec& spec = buf.spec();
-    *width = spec.width;
-    *height = spec.height;
-    std::vector<uint8_t> out(static_cast<size_t>(spec.width) * spec.height * channels);
-    buf.get_pixels(OIIO::ROI(0, spec.width, 0, spec.height, 0, 1, 0, channels),
-                   OIIO::TypeDesc::UINT8, out.data());
+    *width = buf.spec().width;
+    *height = buf.spec().height;
+    std::vector<uint8_t> out(static_cast<size_t>(*width) * *height * channels);
+    buf.get_pixels(OIIO::ROI(0, *width, 0, *height, 0, 1, 0, channels), OIIO::TypeDesc::UINT8,
+                   out.data());
     return out;
 }
 
