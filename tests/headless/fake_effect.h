@@ -61,7 +61,7 @@ release(PF_InData* in_data, const char* name, int version) {
 
 inline PF_Pixel16
 px16(A_u_short a, A_u_short r, A_u_short g, A_u_short b) {
-    return PF_Pixel16{a, r, g, b};
+    return {a, r, g, b};
 }
 
 }  // namespace qheadless

@@ -30,41 +30,37 @@ addNumberedFrames(MemoryFrameSource& frames, A_long count) {
     }
 }
 
-// Declares a popup (its items in a string that dies before add_param's caller returns), a
-// supervised slider and a colour, then stores the count.
+// A popup (its items in a string that dies before the command returns), a supervised slider
+// and a colour with the overlong name, then the count.
 PF_Err
 declareThreeControls(PF_InData* in, PF_OutData* out) {
-    PF_Err err = PF_Err_NONE;
-    {
-        std::string items = "Show result |Show alpha |";
+    const std::string items = "Show result |Show alpha |";
+    A_long id = 0;
+    auto add = [&](PF_ParamType type, const char* name, PF_ParamFlags flags, auto fill) {
         PF_ParamDef d{};
-        d.param_type = PF_Param_POPUP;
-        in->utils->ansi.strcpy(d.name, "Process");
-        d.u.pd.num_choices = 2;
-        d.u.pd.dephault = 1;
-        d.u.pd.value = 1;
-        d.u.pd.u.namesptr = items.c_str();
-        d.uu.id = 1;
-        err = in->inter.add_param(in->effect_ref, -1, &d);
+        d.param_type = type;
+        d.flags = flags;
+        d.uu.id = ++id;
+        in->utils->ansi.strcpy(d.name, name);
+        fill(d.u);
+        return in->inter.add_param(in->effect_ref, -1, &d);
+    };
+    PF_Err err = add(PF_Param_POPUP, "Process", 0, [&](PF_ParamDefUnion& u) {
+        u.pd.num_choices = 2;
+        u.pd.value = u.pd.dephault = 1;
+        u.pd.u.namesptr = items.c_str();
+    });
+    if (err == PF_Err_NONE) {
+        err = add(PF_Param_SLIDER, "Size", PF_ParamFlag_SUPERVISE, [](PF_ParamDefUnion& u) {
+            u.sd.valid_min = 2;
+            u.sd.valid_max = 6000;
+            u.sd.value = u.sd.dephault = 200;
+        });
     }
     if (err == PF_Err_NONE) {
-        PF_ParamDef d{};
-        d.flags = PF_ParamFlag_SUPERVISE;
-        d.param_type = PF_Param_SLIDER;
-        in->utils->ansi.strcpy(d.name, "Size");
-        d.u.sd.valid_min = 2;
-        d.u.sd.valid_max = 6000;
-        d.u.sd.value = d.u.sd.dephault = 200;
-        d.uu.id = 2;
-        err = in->inter.add_param(in->effect_ref, -1, &d);
-    }
-    if (err == PF_Err_NONE) {
-        PF_ParamDef d{};
-        d.param_type = PF_Param_COLOR;
-        in->utils->ansi.strcpy(d.name, kOverlongName);
-        d.u.cd.value = d.u.cd.dephault = PF_Pixel{255, 200, 200, 200};
-        d.uu.id = 3;
-        err = in->inter.add_param(in->effect_ref, -1, &d);
+        err = add(PF_Param_COLOR, kOverlongName, 0, [](PF_ParamDefUnion& u) {
+            u.cd.value = u.cd.dephault = PF_Pixel{255, 200, 200, 200};
+        });
     }
     if (err == PF_Err_NONE) {
         out->num_params = 4;
@@ -83,13 +79,11 @@ TEST(HeadlessSession, commands_carry_in_data_and_the_input_layer_as_the_host_fil
                                   .timeScale = 240});
     PF_InData seen{};
     PF_LayerDef input{};
-    PF_Pixel inputPixel{};
     bool outputDeep = true;
     fx.on[PF_Cmd_RENDER] = [&](PF_InData* in, PF_OutData*, PF_ParamDef** params,
-                               PF_LayerDef* output, void*) {
+                               PF_LayerDef* output, auto...) -> PF_Err {
         seen = *in;
         input = params[0]->u.ld;
-        inputPixel = *reinterpret_cast<PF_Pixel*>(input.data);
         outputDeep = PF_WORLD_IS_DEEP(output);
         return PF_Err_NONE;
     };
@@ -97,46 +91,36 @@ TEST(HeadlessSession, commands_carry_in_data_and_the_input_layer_as_the_host_fil
     ASSERT_EQ(s.render(2), PF_Err_NONE);
     EXPECT_EQ(seen.appl_id, kPremiereApplId);
     EXPECT_EQ(seen.current_time, 20);
-    EXPECT_EQ(seen.time_step, 10);
     EXPECT_EQ(seen.local_time_step, 10);
     EXPECT_EQ(seen.time_scale, 240u);
     EXPECT_EQ(seen.total_time, 40);
-    EXPECT_EQ(seen.downsample_y.num, 1);
-    EXPECT_EQ(seen.downsample_y.den, 2u);
     EXPECT_EQ(seen.downsample_x.den, 2u);
-    EXPECT_NE(seen.effect_ref, nullptr);
-    EXPECT_NE(seen.pica_basicP, nullptr);
+    EXPECT_EQ(seen.downsample_y.den, 2u);
     EXPECT_EQ(seen.num_params, 1);
-    EXPECT_EQ(seen.width, 4);
-    EXPECT_EQ(input.width, 4);
     EXPECT_EQ(input.height, 2);
     EXPECT_GT(input.rowbytes, 4 * 4);
-    EXPECT_EQ(inputPixel.red, 2);  // frame 2 at 8 bits
+    EXPECT_EQ(reinterpret_cast<PF_Pixel*>(input.data)->red, 2);  // frame 2 at 8 bits
     EXPECT_FALSE(outputDeep);
 
     // An After Effects host has its own id; other command codes pass through unchanged.
     Session ae(FakeEffect::entry);
-    A_long applId = 0;
-    fx.on[PF_Cmd_SEQUENCE_SETUP] = [&](PF_InData* in, PF_OutData*, PF_ParamDef**, PF_LayerDef*,
-                                       void*) {
-        applId = in->appl_id;
+    fx.on[PF_Cmd_SEQUENCE_SETUP] = [&](PF_InData* in, auto...) -> PF_Err {
+        seen.appl_id = in->appl_id;
         return PF_Err_INVALID_CALLBACK;
     };
     EXPECT_EQ(ae.call(PF_Cmd_SEQUENCE_SETUP), PF_Err_INVALID_CALLBACK);
-    EXPECT_EQ(applId, kAfterEffectsApplId);
-    EXPECT_EQ(ae.lastResult(), PF_Err_INVALID_CALLBACK);
+    EXPECT_EQ(seen.appl_id, kAfterEffectsApplId);
     EXPECT_EQ(ae.accounting().commands, std::vector<PF_Cmd>{PF_Cmd_SEQUENCE_SETUP});
 
     // A write into the input layer is noticed; an exception other than the host's passes
     // through and leaves the session usable.
-    fx.on[PF_Cmd_RENDER] = [&](PF_InData*, PF_OutData*, PF_ParamDef** params, PF_LayerDef*, void*) {
+    fx.on[PF_Cmd_RENDER] = [&](PF_InData*, PF_OutData*, PF_ParamDef** params, auto...) -> PF_Err {
         reinterpret_cast<PF_Pixel*>(params[0]->u.ld.data)->blue = 7;
         return PF_Err_NONE;
     };
     ASSERT_EQ(s.render(1), PF_Err_NONE);
     EXPECT_EQ(s.accounting().inputWrites, 1);
-    fx.on[PF_Cmd_RENDER] = [&](PF_InData*, PF_OutData*, PF_ParamDef**, PF_LayerDef*,
-                               void*) -> PF_Err { throw std::runtime_error("effect bug"); };
+    fx.on[PF_Cmd_RENDER] = [&](auto...) -> PF_Err { throw std::runtime_error("effect bug"); };
     EXPECT_THROW(s.render(1), std::runtime_error);
     fx.on.erase(PF_Cmd_RENDER);
     EXPECT_EQ(s.render(1), PF_Err_NONE);
@@ -146,10 +130,9 @@ TEST(HeadlessSession, commands_carry_in_data_and_the_input_layer_as_the_host_fil
 TEST(HeadlessSession, new_worlds_are_zero_filled_at_either_depth_and_accounted) {
     FakeEffect fx;
     Session s(FakeEffect::entry);
-    PF_EffectWorld deep{};
-    PF_EffectWorld eight{};
+    PF_EffectWorld deep{}, eight{};
     bool zero = true;
-    fx.on[PF_Cmd_RENDER] = [&](PF_InData* in, PF_OutData*, PF_ParamDef**, PF_LayerDef*, void*) {
+    fx.on[PF_Cmd_RENDER] = [&](PF_InData* in, auto...) -> PF_Err {
         PF_UtilCallbacks* u = in->utils;
         EXPECT_EQ(u->new_world(in->effect_ref, 3, 2, PF_NewWorldFlag_DEEP_PIXELS, &deep), 0);
         EXPECT_EQ(u->new_world(in->effect_ref, 3, 2, PF_NewWorldFlag_NONE, &eight), 0);
@@ -158,9 +141,7 @@ TEST(HeadlessSession, new_worlds_are_zero_filled_at_either_depth_and_accounted) 
             EXPECT_GT(w->rowbytes, bytes);
             for (A_long y = 0; y < w->height; ++y) {
                 const char* row = reinterpret_cast<const char*>(w->data) + y * w->rowbytes;
-                for (A_long i = 0; i < bytes; ++i) {
-                    zero = zero && row[i] == 0;
-                }
+                zero = zero && std::all_of(row, row + bytes, [](char c) { return c == 0; });
             }
         }
         return u->dispose_world(in->effect_ref, &eight);
@@ -168,14 +149,11 @@ TEST(HeadlessSession, new_worlds_are_zero_filled_at_either_depth_and_accounted) 
     World out(3, 2, true);
     ASSERT_EQ(s.render(0, out), PF_Err_NONE);
     EXPECT_TRUE(zero);
-    EXPECT_TRUE(PF_WORLD_IS_DEEP(&deep));
-    EXPECT_FALSE(PF_WORLD_IS_DEEP(&eight));
-    EXPECT_EQ(s.accounting().worldsMade, 2);
     EXPECT_EQ(s.accounting().worldsDisposed, 1);
     EXPECT_EQ(s.accounting().worldsMadeDeep, (std::vector<bool>{true, false}));
 
     // Disposing a world twice is refused and counted.
-    fx.on[PF_Cmd_RENDER] = [&](PF_InData* in, PF_OutData*, PF_ParamDef**, PF_LayerDef*, void*) {
+    fx.on[PF_Cmd_RENDER] = [&](PF_InData* in, auto...) -> PF_Err {
         return in->utils->dispose_world(in->effect_ref, &eight);
     };
     EXPECT_EQ(s.render(0, out), PF_Err_BAD_CALLBACK_PARAM);
@@ -185,7 +163,7 @@ TEST(HeadlessSession, new_worlds_are_zero_filled_at_either_depth_and_accounted) 
     s.faults().failNewWorldAt = 2;
     std::vector<PF_Err> errs;
     PF_EffectWorld failed{};
-    fx.on[PF_Cmd_RENDER] = [&](PF_InData* in, PF_OutData*, PF_ParamDef**, PF_LayerDef*, void*) {
+    fx.on[PF_Cmd_RENDER] = [&](PF_InData* in, auto...) -> PF_Err {
         PF_EffectWorld w[3] = {};
         for (PF_EffectWorld& one : w) {
             errs.push_back(in->utils->new_world(in->effect_ref, 2, 2, 0, &one));
@@ -212,15 +190,14 @@ TEST(HeadlessSession, writes_outside_a_world_are_reported_after_the_command_and_
     Session s(FakeEffect::entry);
     // Rows stepped by width × pixel size instead of rowbytes: row 1 lands in row 0's padding.
     fx.on[PF_Cmd_RENDER] = [&](PF_InData* in, PF_OutData*, PF_ParamDef**, PF_LayerDef* output,
-                               void*) {
+                               auto...) -> PF_Err {
         PF_EffectWorld w{};
         in->utils->new_world(in->effect_ref, 4, 3, PF_NewWorldFlag_DEEP_PIXELS, &w);
         for (A_long y = 0; y < 3; ++y) {
-            auto* row = reinterpret_cast<PF_Pixel16*>(reinterpret_cast<char*>(w.data) + y * 4 * 8);
-            row[0].alpha = 1;
+            reinterpret_cast<PF_Pixel16*>(reinterpret_cast<char*>(w.data) + y * 4 * 8)->alpha = 1;
         }
-        char* out = reinterpret_cast<char*>(output->data);
-        out[output->height * output->rowbytes] = 1;  // one byte past the last row
+        reinterpret_cast<char*>(output->data)[output->height * output->rowbytes] =
+            1;  // past the end
         return PF_Err_NONE;
     };
     World out(2, 2, false);
@@ -230,7 +207,7 @@ TEST(HeadlessSession, writes_outside_a_world_are_reported_after_the_command_and_
     EXPECT_EQ(s.accounting().guardReports[1], "output world: tail after the last row, byte 0");
     EXPECT_TRUE(out.guardIntact());  // reported once, then the marker is put back
 
-    fx.on[PF_Cmd_RENDER] = [&](PF_InData* in, PF_OutData*, PF_ParamDef**, PF_LayerDef*, void*) {
+    fx.on[PF_Cmd_RENDER] = [&](PF_InData* in, auto...) -> PF_Err {
         PF_EffectWorld w{};
         in->utils->new_world(in->effect_ref, 1, 1, 0, &w);
         reinterpret_cast<PF_Pixel*>(w.data)[1].red = 5;  // the pixel after the only one
@@ -244,46 +221,38 @@ TEST(HeadlessSession, writes_outside_a_world_are_reported_after_the_command_and_
 TEST(HeadlessSession, suites_are_served_by_name_and_version_and_counted) {
     FakeEffect fx;
     std::vector<bool> served;
-    auto probe = [&](PF_InData* in, PF_OutData*, PF_ParamDef**, PF_LayerDef*, void*) {
+    fx.on[PF_Cmd_GLOBAL_SETUP] = [&](PF_InData* in, auto...) -> PF_Err {
         const std::pair<const char*, int> names[] = {
             {kPFParamUtilsSuite, 3},  {kPFHandleSuite, 2},      {kPFHandleSuite, 1},
             {kPFANSISuite, 1},        {kPFColorParamSuite, 1},  {"PF Color Param Suite", 1},
             {kPFPixelFormatSuite, 1}, {kPFPixelFormatSuite, 2}, {kPFUtilitySuite, 4}};
         served.clear();
         for (const auto& [name, version] : names) {
-            const bool got = acquire<void>(in, name, version) != nullptr;
-            served.push_back(got);
-            if (got) {
+            served.push_back(acquire<void>(in, name, version) != nullptr);
+            if (served.back()) {
                 release(in, name, version);
             }
         }
         return PF_Err_NONE;
     };
-    fx.on[PF_Cmd_GLOBAL_SETUP] = probe;
-
     Session ae(FakeEffect::entry);
     ASSERT_EQ(ae.globalSetup(), PF_Err_NONE);
-    EXPECT_EQ(served,
-              (std::vector<bool>{true, true, false, true, true, false, false, false, false}));
+    EXPECT_EQ(served, (std::vector<bool>{1, 1, 0, 1, 1, 0, 0, 0, 0}));
     Session pr(FakeEffect::entry, {.family = HostFamily::Premiere});
     ASSERT_EQ(pr.globalSetup(), PF_Err_NONE);
-    EXPECT_EQ(served, (std::vector<bool>{true, true, false, true, true, false, true, false, true}));
-    EXPECT_EQ(pr.accounting().suite(kPFHandleSuite, 2).acquired, 1);
+    EXPECT_EQ(served, (std::vector<bool>{1, 1, 0, 1, 1, 0, 1, 0, 1}));
     EXPECT_EQ(pr.accounting().suite(kPFHandleSuite, 2).released, 1);
     EXPECT_EQ(pr.accounting().suite(kPFHandleSuite, 1).refused, 1);
-    EXPECT_EQ(pr.accounting().suitesHeld(), 0);
     EXPECT_EQ(pr.accounting().suitesHeldAfterCommand, 0);
 
     // A named suite can be made missing; the others stay.
     pr.faults().missingSuites = {kPFANSISuite};
     ASSERT_EQ(pr.globalSetup(), PF_Err_NONE);
-    EXPECT_EQ(served,
-              (std::vector<bool>{true, true, false, false, true, false, true, false, true}));
+    EXPECT_EQ(served, (std::vector<bool>{1, 1, 0, 0, 1, 0, 1, 0, 1}));
     EXPECT_EQ(pr.accounting().suite(kPFANSISuite, 1).refused, 1);
 
     // A suite still held when the command returns, and a release of one not held.
-    fx.on[PF_Cmd_GLOBAL_SETUP] = [&](PF_InData* in, PF_OutData*, PF_ParamDef**, PF_LayerDef*,
-                                     void*) {
+    fx.on[PF_Cmd_GLOBAL_SETUP] = [&](PF_InData* in, auto...) -> PF_Err {
         acquire<PF_HandleSuite1>(in, kPFHandleSuite, 2);
         release(in, kPFColorParamSuite, 1);
         return PF_Err_NONE;
@@ -297,13 +266,10 @@ TEST(HeadlessSession, suites_are_served_by_name_and_version_and_counted) {
 TEST(HeadlessSession, ansi_and_colour_callbacks_behave_as_the_host_s) {
     FakeEffect fx;
     Session s(FakeEffect::entry);
-    PF_ParamDef byCallback{};
     PF_ParamDef bySuite{};
-    double root = 0;
-    double low = 0;
+    double root = 0, low = 0;
     PF_PixelFloat colour{};
-    fx.on[PF_Cmd_ABOUT] = [&](PF_InData* in, PF_OutData* out, PF_ParamDef**, PF_LayerDef*, void*) {
-        in->utils->ansi.strcpy(byCallback.name, kOverlongName);
+    fx.on[PF_Cmd_ABOUT] = [&](PF_InData* in, PF_OutData* out, auto...) -> PF_Err {
         root = in->utils->ansi.sqrt(2.0);
         low = in->utils->ansi.floor(-1.5);
         auto* ansi = acquire<PF_ANSICallbacksSuite1>(in, kPFANSISuite, 1);
@@ -321,33 +287,30 @@ TEST(HeadlessSession, ansi_and_colour_callbacks_behave_as_the_host_s) {
     ASSERT_EQ(s.about(), PF_Err_NONE);
     EXPECT_EQ(s.returnMessage(), "Quorvane, v1.1\rend");
     // The last two characters and the terminator run on into the low bytes of `flags`.
-    EXPECT_EQ(byCallback.flags, 0x2966);
     EXPECT_EQ(bySuite.flags, 0x2966);
-    EXPECT_EQ(std::memcmp(byCallback.name, kOverlongName, 32), 0);
+    EXPECT_EQ(std::memcmp(bySuite.name, kOverlongName, 32), 0);
     EXPECT_EQ(root, std::sqrt(2.0));
     EXPECT_EQ(low, -2.0);
     // Colours come as the 8-bit value / 255 in float.
     EXPECT_EQ(colour.alpha, 1.0f);
     EXPECT_EQ(colour.red, 200 / 255.0f);
-    EXPECT_EQ(colour.green, 0.0f);
     EXPECT_EQ(colour.blue, 51 / 255.0f);
 }
 
 TEST(HeadlessSession, add_param_builds_the_panel_and_fails_at_the_chosen_call) {
     FakeEffect fx;
-    fx.on[PF_Cmd_PARAMS_SETUP] = [](PF_InData* in, PF_OutData* out, PF_ParamDef**, PF_LayerDef*,
-                                    void*) { return declareThreeControls(in, out); };
+    fx.on[PF_Cmd_PARAMS_SETUP] = [](PF_InData* in, PF_OutData* out, auto...) -> PF_Err {
+        return declareThreeControls(in, out);
+    };
     Session s(FakeEffect::entry);
     ASSERT_EQ(s.paramsSetup(), PF_Err_NONE);
     ASSERT_EQ(s.numParams(), 4);
     EXPECT_EQ(s.outData().num_params, 4);
     EXPECT_EQ(s.accounting().addParamCalls, 3);
-    EXPECT_EQ(s.control(1).name(), "Process");
     EXPECT_EQ(s.control(1).popupChoices(),
               (std::vector<std::string>{"Show result ", "Show alpha "}));
     EXPECT_STREQ(s.control(1).current.u.pd.u.namesptr, "Show result |Show alpha |");
     EXPECT_EQ(s.control(2).current.u.sd.valid_max, 6000);
-    EXPECT_EQ(s.control(3).current.u.cd.value.red, 200);
     EXPECT_EQ(s.control(3).name(), std::string(kOverlongName, 32));
     EXPECT_EQ(s.control(3).declared.flags, 0x2966);
 
@@ -357,18 +320,16 @@ TEST(HeadlessSession, add_param_builds_the_panel_and_fails_at_the_chosen_call) {
     s.setColor(3, PF_Pixel{255, 1, 2, 3});
     EXPECT_THROW(s.setSlider(1, 3), std::invalid_argument);
     EXPECT_THROW(s.setPopup(9, 1), std::out_of_range);
-    A_long numParams = 0;
     std::vector<A_long> values;
     fx.on[PF_Cmd_UPDATE_PARAMS_UI] = [&](PF_InData* in, PF_OutData*, PF_ParamDef** params,
-                                         PF_LayerDef*, void*) {
-        numParams = in->num_params;
-        values = {params[1]->u.pd.value, params[2]->u.sd.value, params[3]->u.cd.value.blue};
+                                         auto...) -> PF_Err {
+        values = {in->num_params, params[1]->u.pd.value, params[2]->u.sd.value,
+                  params[3]->u.cd.value.blue};
         params[2]->u.sd.value = 99;  // the effect's copy, not the panel
         return PF_Err_NONE;
     };
     ASSERT_EQ(s.updateParamsUI(), PF_Err_NONE);
-    EXPECT_EQ(numParams, 4);
-    EXPECT_EQ(values, (std::vector<A_long>{2, 17, 3}));
+    EXPECT_EQ(values, (std::vector<A_long>{4, 2, 17, 3}));
     EXPECT_EQ(s.control(2).current.u.sd.value, 17);
 
     // Failing the second add_param stops the list after the first control.
@@ -382,8 +343,9 @@ TEST(HeadlessSession, add_param_builds_the_panel_and_fails_at_the_chosen_call) {
 
 TEST(HeadlessSession, update_param_ui_is_recorded_and_changes_the_panel_as_the_host_does) {
     FakeEffect fx;
-    fx.on[PF_Cmd_PARAMS_SETUP] = [](PF_InData* in, PF_OutData* out, PF_ParamDef**, PF_LayerDef*,
-                                    void*) { return declareThreeControls(in, out); };
+    fx.on[PF_Cmd_PARAMS_SETUP] = [](PF_InData* in, PF_OutData* out, auto...) -> PF_Err {
+        return declareThreeControls(in, out);
+    };
     Session s(FakeEffect::entry);
     ASSERT_EQ(s.paramsSetup(), PF_Err_NONE);
 
@@ -391,7 +353,7 @@ TEST(HeadlessSession, update_param_ui_is_recorded_and_changes_the_panel_as_the_h
     std::vector<PF_Err> errs;
     A_long uiFlagsSeen = -1;
     fx.on[PF_Cmd_UPDATE_PARAMS_UI] = [&](PF_InData* in, PF_OutData*, PF_ParamDef** params,
-                                         PF_LayerDef*, void*) {
+                                         auto...) -> PF_Err {
         uiFlagsSeen = params[2]->ui_flags;
         auto* suite = acquire<PF_ParamUtilsSuite3>(in, kPFParamUtilsSuite, 3);
         PF_ParamDef copy = *params[2];
@@ -421,7 +383,6 @@ TEST(HeadlessSession, update_param_ui_is_recorded_and_changes_the_panel_as_the_h
     EXPECT_EQ(s.control(2).current.ui_flags, PF_PUI_DISABLED);
     EXPECT_EQ(s.control(2).name(), "renamed");
     EXPECT_EQ(s.control(2).current.flags, PF_ParamFlag_SUPERVISE | PF_ParamFlag_COLLAPSE_TWIRLY);
-    EXPECT_EQ(s.control(2).declared.ui_flags, 0);
     EXPECT_STREQ(s.control(2).declared.name, "Size");
 
     // The next command sees the panel; clearing the collapse bit clears it in the panel.
@@ -429,38 +390,35 @@ TEST(HeadlessSession, update_param_ui_is_recorded_and_changes_the_panel_as_the_h
     ASSERT_EQ(s.updateParamsUI(), PF_Err_NONE);
     EXPECT_EQ(uiFlagsSeen, PF_PUI_DISABLED);
     EXPECT_EQ(s.control(2).current.flags, PF_ParamFlag_SUPERVISE);
-    EXPECT_EQ(s.accounting().paramUICalls.size(), 6u);
 }
 
 TEST(HeadlessSession, checkouts_clamp_to_the_sequence_get_own_buffers_and_can_fail) {
     FakeEffect fx;
-    MemoryFrameSource frames(3, 2, 1);  // frames 1..3
+    MemoryFrameSource frames(3, 2, 1), eight(3, 2, 1);  // frames 1..3
     addNumberedFrames(frames, 3);
+    addNumberedFrames(eight, 3);
     Session s(FakeEffect::entry, {.source = &frames, .timeStep = 100});
+    Session e(FakeEffect::entry, {.deep = false, .source = &eight, .timeStep = 100});
     std::vector<PF_Err> errs;
-    std::vector<int> reds;
+    std::vector<int> reds;  // -1 for no data
     std::vector<const void*> buffers;
-    bool checkInAll = true;
-    fx.on[PF_Cmd_RENDER] = [&](PF_InData* in, PF_OutData*, PF_ParamDef**, PF_LayerDef*, void*) {
+    int checkIns = 5;
+    fx.on[PF_Cmd_RENDER] = [&](PF_InData* in, auto...) -> PF_Err {
         errs.clear();
         reds.clear();
         buffers.clear();
-        std::vector<PF_ParamDef> layers(5);
+        PF_ParamDef layers[5] = {};
         const A_long times[] = {0, 150, 200, 900, -100};
         for (int i = 0; i < 5; ++i) {
             errs.push_back(in->inter.checkout_param(in->effect_ref, 0, times[i], in->time_step,
                                                     in->time_scale, &layers[i]));
             const PF_LayerDef& l = layers[i].u.ld;
             buffers.push_back(l.data);
-            if (l.data == nullptr) {
-                reds.push_back(-1);
-            } else if (PF_WORLD_IS_DEEP(&l)) {
-                reds.push_back(reinterpret_cast<PF_Pixel16*>(l.data)->red);
-            } else {
-                reds.push_back(reinterpret_cast<PF_Pixel*>(l.data)->red);
-            }
+            reds.push_back(!l.data                ? -1
+                           : PF_WORLD_IS_DEEP(&l) ? reinterpret_cast<PF_Pixel16*>(l.data)->red
+                                                  : reinterpret_cast<PF_Pixel*>(l.data)->red);
         }
-        for (int i = 0; i < (checkInAll ? 5 : 4); ++i) {
+        for (int i = 0; i < checkIns; ++i) {
             in->inter.checkin_param(in->effect_ref, &layers[i]);
         }
         return PF_Err_NONE;
@@ -469,27 +427,10 @@ TEST(HeadlessSession, checkouts_clamp_to_the_sequence_get_own_buffers_and_can_fa
     EXPECT_EQ(errs, std::vector<PF_Err>(5, PF_Err_NONE));
     EXPECT_EQ(s.accounting().checkoutFrames, (std::vector<A_long>{1, 1, 2, 3, 1}));
     EXPECT_EQ(reds, (std::vector<int>{128, 128, 256, 384, 128}));
-    std::vector<const void*> distinct = buffers;
-    std::sort(distinct.begin(), distinct.end());
-    EXPECT_EQ(std::unique(distinct.begin(), distinct.end()), distinct.end());
-    EXPECT_EQ(s.accounting().checkins, 5);
-
-    // The second check-out of each command fails with an empty record; checking that record
-    // in is harmless. A layer left checked out is reclaimed and counted.
-    s.faults().failCheckoutAt = 2;
-    checkInAll = false;
-    ASSERT_EQ(s.render(2), PF_Err_NONE);
-    EXPECT_EQ(errs, (std::vector<PF_Err>{0, PF_Err_OUT_OF_MEMORY, 0, 0, 0}));
-    EXPECT_EQ(buffers[1], nullptr);
-    EXPECT_EQ(s.accounting().checkoutFailures, 1);
-    EXPECT_EQ(s.accounting().strayCheckins, 1);
-    EXPECT_EQ(s.accounting().checkoutsLeftAtCommandEnd, 1);
+    std::sort(buffers.begin(), buffers.end());
+    EXPECT_EQ(std::unique(buffers.begin(), buffers.end()), buffers.end());
 
     // An 8-bit project hands out 8-bit layers; a "none" layer has no data and no error.
-    MemoryFrameSource eight(3, 2, 1);
-    addNumberedFrames(eight, 3);
-    Session e(FakeEffect::entry, {.deep = false, .source = &eight, .timeStep = 100});
-    checkInAll = true;
     ASSERT_EQ(e.render(2), PF_Err_NONE);
     EXPECT_EQ(reds, (std::vector<int>{1, 1, 2, 3, 1}));
     EXPECT_EQ(e.accounting().checkoutsDeep, std::vector<bool>(5, false));
@@ -499,16 +440,27 @@ TEST(HeadlessSession, checkouts_clamp_to_the_sequence_get_own_buffers_and_can_fa
     EXPECT_EQ(reds, std::vector<int>(5, -1));
     EXPECT_EQ(e.accounting().checkins, 10);
     EXPECT_EQ(e.accounting().strayCheckins, 0);
+
+    // The second check-out of each command fails with an empty record; checking that record
+    // in is harmless. A layer left checked out is reclaimed and counted.
+    s.faults().failCheckoutAt = 2;
+    checkIns = 4;
+    ASSERT_EQ(s.render(2), PF_Err_NONE);
+    EXPECT_EQ(errs, (std::vector<PF_Err>{0, PF_Err_OUT_OF_MEMORY, 0, 0, 0}));
+    EXPECT_EQ(reds[1], -1);
+    EXPECT_EQ(s.accounting().checkoutFailures, 1);
+    EXPECT_EQ(s.accounting().strayCheckins, 1);
+    EXPECT_EQ(s.accounting().checkoutsLeftAtCommandEnd, 1);
 }
 
 TEST(HeadlessSession, premiere_answers_pixel_formats_and_matches_checkouts_to_the_render) {
     FakeEffect fx;
-    MemoryFrameSource frames(2, 2, 0);
+    MemoryFrameSource frames(2, 2, 0), deepFrames(2, 2, 0);
     addNumberedFrames(frames, 1);
+    addNumberedFrames(deepFrames, 1);
     Session s(FakeEffect::entry,
               {.family = HostFamily::Premiere, .deep = false, .source = &frames});
-    fx.on[PF_Cmd_GLOBAL_SETUP] = [](PF_InData* in, PF_OutData*, PF_ParamDef**, PF_LayerDef*,
-                                    void*) {
+    fx.on[PF_Cmd_GLOBAL_SETUP] = [](PF_InData* in, auto...) -> PF_Err {
         auto* utility = acquire<PF_UtilitySuite4>(in, kPFUtilitySuite, 4);
         auto* formats = acquire<PF_PixelFormatSuite1>(in, kPFPixelFormatSuite, 1);
         utility->EffectWantsCheckedOutFramesToMatchRenderPixelFormat(in->effect_ref);
@@ -522,7 +474,7 @@ TEST(HeadlessSession, premiere_answers_pixel_formats_and_matches_checkouts_to_th
     A_u_long format = 0;
     bool layerDeep = false;
     fx.on[PF_Cmd_RENDER] = [&](PF_InData* in, PF_OutData*, PF_ParamDef**, PF_LayerDef* output,
-                               void*) {
+                               auto...) -> PF_Err {
         auto* formats = acquire<PF_PixelFormatSuite1>(in, kPFPixelFormatSuite, 1);
         PrPixelFormat f = PrPixelFormat_ARGB_4444_16u;
         formats->GetPixelFormat(output, &f);
@@ -533,83 +485,44 @@ TEST(HeadlessSession, premiere_answers_pixel_formats_and_matches_checkouts_to_th
         layerDeep = PF_WORLD_IS_DEEP(&layer.u.ld);
         return in->inter.checkin_param(in->effect_ref, &layer);
     };
+    World deepOut(2, 2, true), eightOut(2, 2, false);
+    auto expectRender = [&](Session& session, World& out, A_u_long wantFormat, bool wantDeep) {
+        ASSERT_EQ(session.render(0, out), PF_Err_NONE);
+        EXPECT_EQ(format, wantFormat);
+        EXPECT_EQ(layerDeep, wantDeep);
+    };
 
     // Before the effect asks, check-outs come at the project's depth.
-    World deepOut(2, 2, true);
-    ASSERT_EQ(s.render(0, deepOut), PF_Err_NONE);
-    EXPECT_EQ(format, kPixelFormatArgb16);
-    EXPECT_FALSE(layerDeep);
-
+    expectRender(s, deepOut, kPixelFormatArgb16, false);
     ASSERT_EQ(s.globalSetup(), PF_Err_NONE);
     EXPECT_TRUE(s.accounting().matchRenderPixelFormat);
     EXPECT_EQ(s.accounting().supportedPixelFormats, std::vector<A_u_long>{kPixelFormatArgb16});
     EXPECT_EQ(s.accounting().clearPixelFormatCalls, 1);
 
     // Then they follow the render's pixel format, which follows the output's depth ...
-    ASSERT_EQ(s.render(0, deepOut), PF_Err_NONE);
-    EXPECT_TRUE(layerDeep);
-    World eightOut(2, 2, false);
-    ASSERT_EQ(s.render(0, eightOut), PF_Err_NONE);
-    EXPECT_EQ(format, kPixelFormatArgb8);
-    EXPECT_FALSE(layerDeep);
-
+    expectRender(s, deepOut, kPixelFormatArgb16, true);
+    expectRender(s, eightOut, kPixelFormatArgb8, false);
     // ... unless an answer is set for deep worlds: an unknown code leaves check-outs at the
     // project's depth, the 8-bit code makes them 8-bit. 8-bit worlds always get the 8-bit code.
     s.setPremierePixelFormat(0x61726762);
-    ASSERT_EQ(s.render(0, deepOut), PF_Err_NONE);
-    EXPECT_EQ(format, 0x61726762u);
-    EXPECT_FALSE(layerDeep);
-    ASSERT_EQ(s.render(0, eightOut), PF_Err_NONE);
-    EXPECT_EQ(format, kPixelFormatArgb8);
-    EXPECT_FALSE(layerDeep);
-    MemoryFrameSource deepFrames(2, 2, 0);
-    addNumberedFrames(deepFrames, 1);
+    expectRender(s, deepOut, 0x61726762u, false);
+    expectRender(s, eightOut, kPixelFormatArgb8, false);
+    EXPECT_EQ(s.accounting().pixelFormatQueries, 5);
     Session d(FakeEffect::entry,
               {.family = HostFamily::Premiere, .deep = true, .source = &deepFrames});
     ASSERT_EQ(d.globalSetup(), PF_Err_NONE);
     d.setPremierePixelFormat(kPixelFormatArgb8);
-    ASSERT_EQ(d.render(0, deepOut), PF_Err_NONE);
-    EXPECT_EQ(format, kPixelFormatArgb8);
-    EXPECT_FALSE(layerDeep);
-    EXPECT_EQ(s.accounting().pixelFormatQueries, 5);
-}
-
-TEST(HeadlessSession, dependency_answers_read_the_host_handle) {
-    FakeEffect fx;
-    fx.on[PF_Cmd_GET_EXTERNAL_DEPENDENCIES] = [](PF_InData* in, PF_OutData*, PF_ParamDef**,
-                                                 PF_LayerDef*, void* extra) {
-        auto* request = static_cast<PF_ExtDependenciesExtra*>(extra);
-        if (request->check_type == PF_DepCheckType_ALL_DEPENDENCIES) {
-            auto* handles = acquire<PF_HandleSuite1>(in, kPFHandleSuite, 2);
-            PF_Handle h = handles->host_new_handle(6);
-            std::strcpy(*h, "hello");
-            request->dependencies_strH = h;
-            release(in, kPFHandleSuite, 2);
-        }
-        return PF_Err_NONE;
-    };
-    Session s(FakeEffect::entry);
-    DependencyAnswer all = s.dependencies(PF_DepCheckType_ALL_DEPENDENCIES);
-    EXPECT_EQ(all.err, PF_Err_NONE);
-    EXPECT_FALSE(all.handleNull);
-    EXPECT_EQ(all.handleSize, 6u);
-    EXPECT_EQ(all.bytes, std::string("hello", 6));
-    EXPECT_EQ(all.text(), "hello");
-    DependencyAnswer missing = s.dependencies(PF_DepCheckType_MISSING_DEPENDENCIES);
-    EXPECT_TRUE(missing.handleNull);
-    EXPECT_EQ(s.accounting().handlesCreated, 1);
+    expectRender(d, deepOut, kPixelFormatArgb8, false);
 }
 
 TEST(HeadlessSession, sessions_on_two_threads_keep_to_their_own_records) {
     auto work = [](HostFamily family, int rounds, Accounting* result) {
         FakeEffect fx;  // this thread's effect
         Session s(FakeEffect::entry, {.family = family});
-        fx.on[PF_Cmd_ABOUT] = [](PF_InData* in, PF_OutData* out, PF_ParamDef**, PF_LayerDef*,
-                                 void*) {
+        fx.on[PF_Cmd_ABOUT] = [](PF_InData* in, PF_OutData* out, auto...) -> PF_Err {
             // The basic suite, the handle suite and the ANSI suite carry no effect reference.
             auto* ansi = acquire<PF_ANSICallbacksSuite1>(in, kPFANSISuite, 1);
-            auto* handles = acquire<PF_HandleSuite1>(in, kPFHandleSuite, 2);
-            handles->host_new_handle(8);
+            acquire<PF_HandleSuite1>(in, kPFHandleSuite, 2)->host_new_handle(8);
             PF_EffectWorld w{};
             in->utils->new_world(in->effect_ref, 2, 2, 0, &w);
             in->utils->dispose_world(in->effect_ref, &w);
@@ -631,21 +544,18 @@ TEST(HeadlessSession, sessions_on_two_threads_keep_to_their_own_records) {
         s.finish();
         *result = s.accounting();
     };
-    Accounting ae;
-    Accounting premiere;
+    Accounting ae, premiere;
     std::thread a(work, HostFamily::AfterEffects, 300, &ae);
     std::thread b(work, HostFamily::Premiere, 200, &premiere);
     a.join();
     b.join();
     EXPECT_EQ(ae.handlesCreated, 300);
     EXPECT_EQ(premiere.handlesCreated, 200);
-    EXPECT_EQ(ae.suite(kPFANSISuite, 1).acquired, 300);
     EXPECT_EQ(premiere.suite(kPFUtilitySuite, 4).acquired, 200);
     EXPECT_EQ(ae.suite(kPFUtilitySuite, 4).refused, 300);
     EXPECT_EQ(ae.worldsMade, 300);
     EXPECT_EQ(premiere.worldsDisposed, 200);
     EXPECT_EQ(ae.suitesHeld() + premiere.suitesHeld(), 0);
-    EXPECT_EQ(ae.worldsLeftUndisposed + premiere.worldsLeftUndisposed, 0);
 }
 
 }  // namespace

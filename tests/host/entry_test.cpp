@@ -1,5 +1,6 @@
 // The entry point through the headless host: which commands do something, how thrown host
-// errors come back, global set-up in both host families, and the About text.
+// errors come back, global set-up in both host families, the About text and the dependencies
+// answer.
 
 #include <gtest/gtest.h>
 
@@ -15,6 +16,7 @@
 namespace {
 
 using quorvane::headless::Accounting;
+using quorvane::headless::DependencyAnswer;
 using quorvane::headless::HostFamily;
 using quorvane::headless::Session;
 using quorvane::headless::World;
@@ -79,19 +81,16 @@ TEST(EntryPoint, commands_without_work_return_success_and_touch_nothing) {
         const Accounting before = session.accounting();
         World output(4, 3, true);
         output.fill16({100, 200, 300, 400});
-        World expectedOutput(4, 3, true);
-        expectedOutput.fill16({100, 200, 300, 400});
-        std::array<unsigned char, 64> extra;
+        const World expectedOutput = output.clone();
+        std::array<unsigned char, 64> extra, expectedExtra;
         extra.fill(0xC3);
+        expectedExtra = extra;
 
         EXPECT_EQ(session.call(code, extra.data(), &output.layer()), PF_Err_NONE);
 
-        EXPECT_TRUE(tUntouched.outData);
-        EXPECT_TRUE(tUntouched.params);
+        EXPECT_TRUE(tUntouched.outData && tUntouched.params);
         EXPECT_TRUE(output.samePixels(expectedOutput));
-        for (unsigned char byte : extra) {
-            ASSERT_EQ(byte, 0xC3);
-        }
+        EXPECT_EQ(extra, expectedExtra);
         const Accounting& after = session.accounting();
         EXPECT_EQ(suitesAcquired(after), suitesAcquired(before));
         EXPECT_EQ(after.paramUICalls.size(), before.paramUICalls.size());
@@ -162,9 +161,10 @@ TEST(EntryPoint, exceptions_other_than_host_errors_pass_on_to_the_host) {
     expectEverySuiteReleased(session);
 }
 
-TEST(GlobalSetup, declares_version_1_1_and_the_same_flags_in_both_families) {
+TEST(GlobalSetup, declares_the_same_version_and_flags_and_premiere_registers_argb16) {
     for (HostFamily family : {HostFamily::AfterEffects, HostFamily::Premiere}) {
-        SCOPED_TRACE(family == HostFamily::Premiere ? "Premiere" : "After Effects");
+        const bool premiere = family == HostFamily::Premiere;
+        SCOPED_TRACE(premiere ? "Premiere" : "After Effects");
         Session session(EntryPointFunc, {.family = family});
         ASSERT_EQ(session.globalSetup(), PF_Err_NONE);
         const PF_OutData& out = session.outData();
@@ -173,25 +173,15 @@ TEST(GlobalSetup, declares_version_1_1_and_the_same_flags_in_both_families) {
         EXPECT_EQ(out.out_flags2, 0x89);
         EXPECT_EQ(out.global_data, nullptr);
         EXPECT_EQ(out.sequence_data, nullptr);
+        // Premiere is left with exactly the 16-bit ARGB format; After Effects is asked nothing.
+        const Accounting& acc = session.accounting();
+        EXPECT_EQ(acc.supportedPixelFormats,
+                  premiere ? std::vector<A_u_long>{0x62677241} : std::vector<A_u_long>{});
+        EXPECT_EQ(acc.clearPixelFormatCalls, premiere ? 1 : 0);
+        EXPECT_EQ(acc.matchRenderPixelFormat, premiere);
+        EXPECT_EQ(suitesAcquired(acc), premiere ? 2 : 0);
         expectEverySuiteReleased(session);
     }
-}
-
-TEST(GlobalSetup, premiere_leaves_exactly_the_16_bit_argb_format_registered) {
-    Session premiere(EntryPointFunc, {.family = HostFamily::Premiere});
-    ASSERT_EQ(premiere.globalSetup(), PF_Err_NONE);
-    const Accounting& acc = premiere.accounting();
-    EXPECT_EQ(acc.supportedPixelFormats, std::vector<A_u_long>{0x62677241});
-    EXPECT_EQ(acc.clearPixelFormatCalls, 1);
-    EXPECT_TRUE(acc.matchRenderPixelFormat);
-    EXPECT_EQ(acc.suite("PF Utility Suite", 4).acquired, 1);
-    EXPECT_EQ(acc.suite("PF Pixel Format Suite", 1).acquired, 1);
-
-    Session afterEffects(EntryPointFunc, {.family = HostFamily::AfterEffects});
-    ASSERT_EQ(afterEffects.globalSetup(), PF_Err_NONE);
-    EXPECT_EQ(afterEffects.accounting().clearPixelFormatCalls, 0);
-    EXPECT_EQ(afterEffects.accounting().addPixelFormatCalls, 0);
-    EXPECT_EQ(suitesAcquired(afterEffects.accounting()), 0);
 }
 
 TEST(About, texts_of_the_two_families_differ_only_by_the_comma) {
@@ -212,12 +202,40 @@ TEST(About, texts_of_the_two_families_differ_only_by_the_comma) {
     const std::size_t aeVersion = aeText.find(" v1.1\r");
     ASSERT_NE(aeVersion, std::string::npos) << aeText;
     EXPECT_EQ(aeText.find('\r', std::strlen("Quorvane\r")), aeVersion + 5);
-    EXPECT_GT(aeText.size(), aeVersion + 6);
 
     std::string withComma = aeText;
     withComma.insert(aeVersion, ",");
     EXPECT_EQ(prText, withComma);
     EXPECT_LT(prText.size(), 256u);
+}
+
+TEST(DescribeDependencies, answers_each_request_type_with_its_text_in_a_new_handle) {
+    Session session(EntryPointFunc, {.family = HostFamily::AfterEffects});
+
+    const DependencyAnswer all = session.dependencies(PF_DepCheckType_ALL_DEPENDENCIES);
+    EXPECT_EQ(all.err, PF_Err_NONE);
+    ASSERT_FALSE(all.handleNull);
+    EXPECT_EQ(all.handleSize, 28u);
+    EXPECT_EQ(all.bytes, std::string("All Dependencies requested.", 28));
+
+    // Nothing the effect needs can go missing: no text, no handle.
+    const DependencyAnswer missing = session.dependencies(PF_DepCheckType_MISSING_DEPENDENCIES);
+    EXPECT_EQ(missing.err, PF_Err_NONE);
+    EXPECT_TRUE(missing.handleNull);
+
+    for (PF_DepCheckType other : {PF_DepCheckType{PF_DepCheckType_NONE}, 3, 99, -1}) {
+        SCOPED_TRACE("request type " + std::to_string(other));
+        const DependencyAnswer answer = session.dependencies(other);
+        EXPECT_EQ(answer.err, PF_Err_NONE);
+        ASSERT_FALSE(answer.handleNull);
+        EXPECT_EQ(answer.handleSize, 1u);
+        EXPECT_EQ(answer.bytes, std::string(1, '\0'));
+    }
+
+    // Five handles made and left to the host; every suite given back.
+    EXPECT_EQ(session.accounting().handlesCreated, 5);
+    EXPECT_EQ(session.accounting().handlesDisposed, 0);
+    expectEverySuiteReleased(session);
 }
 
 }  // namespace

@@ -22,27 +22,13 @@ using quorvane::headless::HostFamily;
 using quorvane::headless::Plugin;
 using quorvane::headless::Session;
 
-// The resource text without its comments (string literals kept as they are).
+// The resource text without its line comments.
 std::string
 propertyListSource() {
     std::ifstream file(std::string(QUORVANE_SOURCE_DIR) + "/resources/Quorvane_PiPL.r");
-    std::stringstream text;
-    text << file.rdbuf();
-    const std::string raw = text.str();
-    std::string source;
-    for (std::size_t i = 0; i < raw.size(); ++i) {
-        if (raw[i] == '"') {
-            const std::size_t close = raw.find('"', i + 1);
-            source += raw.substr(i, close - i + 1);
-            i = close;
-        } else if (raw.compare(i, 2, "//") == 0) {
-            i = raw.find('\n', i) - 1;
-        } else if (raw.compare(i, 2, "/*") == 0) {
-            i = raw.find("*/", i) + 1;
-            source += ' ';
-        } else {
-            source += raw[i];
-        }
+    std::string source, line;
+    while (std::getline(file, line)) {
+        source += line.substr(0, line.find("//")) + '\n';
     }
     return source;
 }
@@ -101,10 +87,9 @@ TEST(PropertyList, declares_the_modules_entry_point_version_and_out_flags) {
     const std::string version = propertyValue(source, "AE_Effect_Version");
     const std::string outFlags = propertyValue(source, "AE_Effect_Global_OutFlags");
     const std::string outFlags2 = propertyValue(source, "AE_Effect_Global_OutFlags_2");
-    ASSERT_FALSE(entryName.empty());
-    ASSERT_FALSE(version.empty());
-    ASSERT_FALSE(outFlags.empty());
-    ASSERT_FALSE(outFlags2.empty());
+    for (const std::string* value : {&entryName, &version, &outFlags, &outFlags2}) {
+        ASSERT_FALSE(value->empty());
+    }
     EXPECT_EQ(propertyValue(source, "Name"), "Quorvane");
 
     const std::string path = Plugin::defaultPath();
