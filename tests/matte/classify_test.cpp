@@ -154,24 +154,6 @@ TEST(Classification, SortsTheRedMaskByTheFirstMatchingRule)
     EXPECT_EQ(cls.at(0, 0).blue, 32768);
 }
 
-TEST(Classification, OutsideTheLimitsEverythingIsTransparentBlack)
-{
-    OwnedWorld mask(3, 3);
-    mask.fill({32768, 0, 0, 32768});
-    OwnedWorld alpha(3, 3);
-    OwnedWorld cls(3, 3);
-    cls.fill({1, 1, 1, 1});
-    FillLimitsArray limits{};
-    limits.firstRow = 1;
-    limits.lastRow = 1;
-    limits.left[1] = 1;
-    limits.right[1] = 1;
-    classifyRedMask(cls, mask, alpha, &limits, false, false, 0.0f, 1);
-    for (int y = 0; y < 3; ++y)
-        for (int x = 0; x < 3; ++x)
-            EXPECT_EQ(cls.at(x, y).blue, (x == 1 && y == 1) ? 32768 : 0) << x << "," << y;
-}
-
 TEST(SmartExtend, ThinSolidNextToARemovalGoesWithItThickStays)
 {
     // A filled region at the left, a one-pixel solid line leaving it, and a thick solid block.

@@ -2,6 +2,7 @@
 
 #include <memory>
 #include <random>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -29,73 +30,44 @@ staleLimits() {
 
 }  // namespace
 
-TEST(FillLimits, rows_bounded_by_first_and_last_present_columns) {
-    OwnedWorld alpha = fromArt({
-        "......",  // empty
-        "#.....",  // only x = 0: counts as empty
-        "..#.#.",
-        "#....#",
-        "......",
-    });
+// firstRow, lastRow, then left/right of each listed row.
+std::vector<int>
+limitsOf(const FillLimitsArray& l, std::initializer_list<int> rows) {
+    std::vector<int> out{l.firstRow, l.lastRow};
+    for (int y : rows) out.insert(out.end(), {l.left[y], l.right[y]});
+    return out;
+}
+
+TEST(FillLimits, rows_bounded_by_first_and_last_present_columns_and_presence_level) {
+    // A row with content only at x = 0 records its left but counts as empty; rows past the
+    // frame are cleared too, not left stale.
     auto limits = staleLimits();
-    populateAndInitialise_FillLimitsFromIncomingAlpha(alpha, limits.get(), 20000);
-
-    EXPECT_EQ(limits->left[0], 0);
-    EXPECT_EQ(limits->right[0], 0);
-    EXPECT_EQ(limits->left[1], 0);
-    EXPECT_EQ(limits->right[1], 0);
-    EXPECT_EQ(limits->left[2], 2);
-    EXPECT_EQ(limits->right[2], 4);
-    EXPECT_EQ(limits->left[3], 0);
-    EXPECT_EQ(limits->right[3], 5);
-    EXPECT_EQ(limits->firstRow, 2);
-    EXPECT_EQ(limits->lastRow, 3);
-    // Rows past the frame are cleared too, not left stale.
-    EXPECT_EQ(limits->left[5], 0);
+    populateAndInitialise_FillLimitsFromIncomingAlpha(
+        fromArt({"......", "#.....", "..#.#.", "#....#", "......"}), limits.get(), 20000);
+    EXPECT_EQ(limitsOf(*limits, {0, 1, 2, 3, 5}),
+              (std::vector<int>{2, 3, 0, 0, 0, 0, 2, 4, 0, 5, 0, 0}));
     EXPECT_EQ(limits->right[FILL_LIMITS_MAX_ROWS - 1], 0);
-
-    // The x = 0-only row still records its left; it just does not count as content.
-    OwnedWorld edgeOnly = fromArt({"......", ".#....", "#.....", "......"});
-    populateAndInitialise_FillLimitsFromIncomingAlpha(edgeOnly, limits.get(), 20000);
-    EXPECT_EQ(limits->firstRow, 1);
-    EXPECT_EQ(limits->lastRow, 1);
-    EXPECT_EQ(limits->left[1], 1);
-    EXPECT_EQ(limits->right[1], 1);
+    populateAndInitialise_FillLimitsFromIncomingAlpha(
+        fromArt({"......", ".#....", "#.....", "......"}), limits.get(), 20000);
+    EXPECT_EQ(limitsOf(*limits, {1}), (std::vector<int>{1, 1, 1, 1}));
 
     // No content at all: every row is scanned, each with left = right = 0.
     OwnedWorld empty(5, 4);
-    empty.fill({9, 32768, 32768, 32768});  // below the presence level everywhere
+    empty.fill({9, 32768, 32768, 32768});
     populateAndInitialise_FillLimitsFromIncomingAlpha(empty, limits.get(), 20000);
-    EXPECT_EQ(limits->firstRow, 0);
-    EXPECT_EQ(limits->lastRow, 3);
-    EXPECT_EQ(limits->left[1], 0);
-    EXPECT_EQ(limits->right[1], 0);
-}
+    EXPECT_EQ(limitsOf(*limits, {1}), (std::vector<int>{0, 3, 0, 0}));
 
-TEST(FillLimits, presence_level_is_the_threshold_capped_at_ten) {
+    // The presence level is the threshold capped at 10; equality counts.
     OwnedWorld alpha(6, 3);
     alpha.fill({0, 0, 0, 0});
     alpha.set(kAlpha, 1, 0, 9);
     alpha.set(kAlpha, 2, 0, 10);
     alpha.set(kAlpha, 3, 1, 4);
     alpha.set(kAlpha, 4, 1, 5);
-    auto limits = staleLimits();
-
-    // A threshold of 10 or more gives level 10: 9 is absent, 10 present, equality counts.
     populateAndInitialise_FillLimitsFromIncomingAlpha(alpha, limits.get(), 32768);
-    EXPECT_EQ(limits->left[0], 2);
-    EXPECT_EQ(limits->right[0], 2);
-    EXPECT_EQ(limits->right[1], 0);
-    EXPECT_EQ(limits->firstRow, 0);
-    EXPECT_EQ(limits->lastRow, 0);
-
-    // A threshold of 5 is the level itself.
+    EXPECT_EQ(limitsOf(*limits, {0, 1}), (std::vector<int>{0, 0, 2, 2, 0, 0}));
     populateAndInitialise_FillLimitsFromIncomingAlpha(alpha, limits.get(), 5);
-    EXPECT_EQ(limits->left[0], 1);
-    EXPECT_EQ(limits->right[0], 2);
-    EXPECT_EQ(limits->left[1], 4);
-    EXPECT_EQ(limits->right[1], 4);
-    EXPECT_EQ(limits->lastRow, 1);
+    EXPECT_EQ(limitsOf(*limits, {0, 1}), (std::vector<int>{0, 1, 1, 2, 4, 4}));
 }
 
 TEST(FillLimits, frame_taller_than_the_table_writes_nothing_past_it) {
@@ -198,32 +170,6 @@ TEST(AlphaCopies, match_the_per_channel_copy_on_random_worlds) {
         EXPECT_TRUE(plain.paddingIntact());
         EXPECT_TRUE(zeroing.paddingIntact());
     }
-}
-
-TEST(AlphaCopies, copy_alpha_only_inside_the_given_size) {
-    OwnedWorld from(4, 3);
-    from.fill({0, 11, 12, 13});
-    const uint16_t alphas[] = {0, 1, 2, 3, 4, 5, 32768, 100};
-    for (int i = 0; i < 8; ++i) from.set(kAlpha, i % 4, i / 4, alphas[i]);
-    from.set(kAlpha, 3, 2, 777);  // outside the copied 3 x 2 area in the second step
-
-    OwnedWorld plain(4, 3);
-    plain.fill({50, 1, 2, 3});
-    copyAlphasFromWorldToWorld(from, plain, 4, 3);
-    for (int i = 0; i < 8; ++i) EXPECT_EQ(plain.get(kAlpha, i % 4, i / 4), alphas[i]) << i;
-    EXPECT_EQ(plain.at(0, 0).red, 1);
-    EXPECT_EQ(plain.at(0, 0).green, 2);
-    EXPECT_EQ(plain.at(0, 0).blue, 3);
-
-    // Alphas 1..4 become 0; 0 and 5 and above are copied unchanged; only 3 x 2 is visited.
-    OwnedWorld zeroed(4, 3);
-    zeroed.fill({50, 1, 2, 3});
-    copyAlphasFromWorldToWorldZeroing1to4ForFlags(from, zeroed, 3, 2);
-    const uint16_t expected[] = {0, 0, 0, 50, 0, 5, 32768, 50};
-    for (int i = 0; i < 8; ++i) EXPECT_EQ(zeroed.get(kAlpha, i % 4, i / 4), expected[i]) << i;
-    EXPECT_EQ(zeroed.get(kAlpha, 3, 2), 50);
-    EXPECT_EQ(zeroed.at(1, 1).red, 1);
-    EXPECT_TRUE(zeroed.paddingIntact());
 }
 
 TEST(RedMaskCopies, threshold_solid_marks_equal_alpha_solid_and_sets_every_channel) {
