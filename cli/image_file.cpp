@@ -62,11 +62,11 @@ storageDesc(PixelType type) {
     return type == PixelType::Half ? OIIO::TypeDesc::FLOAT : typeDesc(type);
 }
 
-// The file type of `spec`'s channels; mixed per-channel types count as float.
+// The file type of `layout`'s channels; mixed per-channel types count as float.
 PixelType
-fileTypeOf(const OIIO::ImageSpec& spec) {
-    PixelType type = typeOf(spec.format);
-    for (const OIIO::TypeDesc& channel : spec.channelformats) {
+fileTypeOf(const OIIO::ImageSpec& layout) {
+    PixelType type = typeOf(layout.format);
+    for (const OIIO::TypeDesc& channel : layout.channelformats) {
         if (typeOf(channel) != type) {
             return PixelType::Float;
         }
@@ -96,15 +96,15 @@ struct ChannelMap {
 // The channel called `name`, or failing that the first called "<layer>.<name>" (an OpenEXR
 // file holding only layered channels); -1 when there is none.
 int
-channelNamed(const OIIO::ImageSpec& spec, const std::string& name) {
-    const int count = std::min<int>(spec.nchannels, static_cast<int>(spec.channelnames.size()));
+channelNamed(const OIIO::ImageSpec& layout, const std::string& name) {
+    const int count = std::min<int>(layout.nchannels, static_cast<int>(layout.channelnames.size()));
     for (int c = 0; c < count; ++c) {
-        if (spec.channelnames[c] == name) {
+        if (layout.channelnames[c] == name) {
             return c;
         }
     }
     for (int c = 0; c < count; ++c) {
-        const std::string& channel = spec.channelnames[c];
+        const std::string& channel = layout.channelnames[c];
         if (channel.size() > name.size() + 1 &&
             channel.compare(channel.size() - name.size() - 1, std::string::npos, "." + name) == 0) {
             return c;
@@ -114,25 +114,25 @@ channelNamed(const OIIO::ImageSpec& spec, const std::string& name) {
 }
 
 ChannelMap
-mapChannels(const OIIO::ImageSpec& spec) {
+mapChannels(const OIIO::ImageSpec& layout) {
     ChannelMap map;
-    const int n = spec.nchannels;
-    const int r = channelNamed(spec, "R");
-    const int g = channelNamed(spec, "G");
-    const int b = channelNamed(spec, "B");
-    const int y = channelNamed(spec, "Y");
+    const int n = layout.nchannels;
+    const int r = channelNamed(layout, "R");
+    const int g = channelNamed(layout, "G");
+    const int b = channelNamed(layout, "B");
+    const int y = channelNamed(layout, "Y");
     if (r >= 0 && g >= 0 && b >= 0) {
-        map = {r, g, b, channelNamed(spec, "A")};
+        map = {r, g, b, channelNamed(layout, "A")};
     } else if (y >= 0) {
-        map = {y, y, y, channelNamed(spec, "A")};
+        map = {y, y, y, channelNamed(layout, "A")};
     } else if (n < 3) {
         // grey, or grey and alpha
         map = {0, 0, 0, n == 2 ? 1 : -1};
     } else {
         map = {0, 1, 2, n >= 4 ? 3 : -1};
     }
-    if (map.a < 0 && spec.alpha_channel >= 0 && spec.alpha_channel < n) {
-        map.a = spec.alpha_channel;
+    if (map.a < 0 && layout.alpha_channel >= 0 && layout.alpha_channel < n) {
+        map.a = layout.alpha_channel;
     }
     return map;
 }
@@ -243,14 +243,14 @@ pixelTypeName(PixelType type) {
 ImageHeader
 probeImage(const std::string& path) {
     auto in = openInput(path);
-    const OIIO::ImageSpec& spec = in->spec();
+    const OIIO::ImageSpec& layout = in->spec();
     ImageHeader header;
-    header.width = spec.width;
-    header.height = spec.height;
-    header.channels = spec.nchannels;
-    header.type = fileTypeOf(spec);
+    header.width = layout.width;
+    header.height = layout.height;
+    header.channels = layout.nchannels;
+    header.type = fileTypeOf(layout);
     header.format = in->format_name();
-    const int bits = spec.get_int_attribute("oiio:BitsPerSample", 0);
+    const int bits = layout.get_int_attribute("oiio:BitsPerSample", 0);
     if (header.type == PixelType::U16 && bits > 8 && bits < 16) {
         header.bitsPerSample = bits;
     }
@@ -263,15 +263,15 @@ probeImage(const std::string& path) {
 Image
 readImage(const std::string& path) {
     auto in = openInput(path);
-    const OIIO::ImageSpec& spec = in->spec();
-    if (spec.width <= 0 || spec.height <= 0 || spec.nchannels <= 0) {
+    const OIIO::ImageSpec& layout = in->spec();
+    if (layout.width <= 0 || layout.height <= 0 || layout.nchannels <= 0) {
         throw fileError(path, "the image is empty");
     }
     Image image;
-    image.width = spec.width;
-    image.height = spec.height;
-    image.fileType = fileTypeOf(spec);
-    const ChannelMap map = mapChannels(spec);
+    image.width = layout.width;
+    image.height = layout.height;
+    image.fileType = fileTypeOf(layout);
+    const ChannelMap map = mapChannels(layout);
     const OIIO::TypeDesc desc = storageDesc(image.fileType);
     if (image.isU8()) {
         readChannels<std::uint8_t>(*in, path, map, desc, 255, image, image.u8);
@@ -443,19 +443,19 @@ writeWorld(const std::string& path, const std::string& reportPath, const PF_Laye
     if (!out) {
         throw fileError(reportPath, "cannot write: " + oneLine(OIIO::geterror()));
     }
-    OIIO::ImageSpec spec(width, height, channels, typeDesc(type));
-    spec.attribute("oiio:UnassociatedAlpha", 1);
+    OIIO::ImageSpec layout(width, height, channels, typeDesc(type));
+    layout.attribute("oiio:UnassociatedAlpha", 1);
     if (alpha) {
-        spec.alpha_channel = 3;
+        layout.alpha_channel = 3;
     }
     if (type == PixelType::U16 && bitsPerSample > 0) {
-        spec.attribute("oiio:BitsPerSample", bitsPerSample);
+        layout.attribute("oiio:BitsPerSample", bitsPerSample);
     }
     const void* data = type == PixelType::U8    ? static_cast<const void*>(u8.data())
                        : type == PixelType::U16 ? static_cast<const void*>(u16.data())
                                                 : static_cast<const void*>(f32.data());
     const OIIO::TypeDesc dataDesc = storageDesc(type);
-    if (!out->open(path, spec) || !out->write_image(dataDesc, data) || !out->close()) {
+    if (!out->open(path, layout) || !out->write_image(dataDesc, data) || !out->close()) {
         throw fileError(reportPath, "cannot write: " + oneLine(out->geterror()));
     }
 }
@@ -467,8 +467,8 @@ writeRgb8(const std::string& path, const std::string& reportPath, int width, int
     if (!out) {
         throw fileError(reportPath, "cannot write: " + oneLine(OIIO::geterror()));
     }
-    OIIO::ImageSpec spec(width, height, 3, OIIO::TypeDesc::UINT8);
-    if (!out->open(path, spec) || !out->write_image(OIIO::TypeDesc::UINT8, rgb.data()) ||
+    OIIO::ImageSpec layout(width, height, 3, OIIO::TypeDesc::UINT8);
+    if (!out->open(path, layout) || !out->write_image(OIIO::TypeDesc::UINT8, rgb.data()) ||
         !out->close()) {
         throw fileError(reportPath, "cannot write: " + oneLine(out->geterror()));
     }

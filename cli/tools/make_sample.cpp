@@ -45,10 +45,11 @@ read(const std::string& path) {
         std::fprintf(stderr, "%s: %s\n", path.c_str(), OIIO::geterror().c_str());
         std::exit(1);
     }
-    const OIIO::ImageSpec& spec = in->spec();
-    Picture picture{spec.width, spec.height, spec.nchannels, {}};
-    picture.pixels.resize(static_cast<std::size_t>(spec.width) * spec.height * spec.nchannels);
-    if (!in->read_image(0, 0, 0, spec.nchannels, OIIO::TypeDesc::UINT8, picture.pixels.data())) {
+    const OIIO::ImageSpec& layout = in->spec();
+    Picture picture{layout.width, layout.height, layout.nchannels, {}};
+    picture.pixels.resize(static_cast<std::size_t>(layout.width) * layout.height *
+                          layout.nchannels);
+    if (!in->read_image(0, 0, 0, layout.nchannels, OIIO::TypeDesc::UINT8, picture.pixels.data())) {
         std::fprintf(stderr, "%s: %s\n", path.c_str(), in->geterror().c_str());
         std::exit(1);
     }
@@ -156,11 +157,11 @@ main(int argc, char** argv) {
         std::snprintf(name, sizeof name, "/lemur.%04d.png", frame);
         const std::string path = std::string(argv[3]) + name;
         auto out = OIIO::ImageOutput::create(path);
-        OIIO::ImageSpec spec(width, height, 4, OIIO::TypeDesc::UINT8);
-        spec.alpha_channel = 3;
-        spec.attribute("oiio:UnassociatedAlpha", 1);
-        spec.attribute("png:compressionLevel", 9);
-        if (!out || !out->open(path, spec) ||
+        OIIO::ImageSpec layout(width, height, 4, OIIO::TypeDesc::UINT8);
+        layout.alpha_channel = 3;
+        layout.attribute("oiio:UnassociatedAlpha", 1);
+        layout.attribute("png:compressionLevel", 9);
+        if (!out || !out->open(path, layout) ||
             !out->write_image(OIIO::TypeDesc::UINT8, rgba.data()) || !out->close()) {
             std::fprintf(stderr, "%s: cannot write\n", path.c_str());
             return 1;

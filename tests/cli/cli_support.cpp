@@ -1,15 +1,20 @@
 #include "cli_support.h"
 
+#include <gtest/gtest.h>
+
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <random>
 #include <sstream>
 #include <stdexcept>
+
+#include "cli/app.h"
 
 extern char** environ;
 
@@ -52,15 +57,15 @@ const std::string kEnvironment =
     "LSAN_OPTIONS=fast_unwind_on_malloc=0:suppressions=" QUORVANE_SOURCE_DIR
     "/tests/cli/lsan.supp ";
 
+}  // namespace
+
 std::string
-slurp(const std::string& path) {
+readText(const std::string& path) {
     std::ifstream in(path);
     std::stringstream text;
     text << in.rdbuf();
     return text.str();
 }
-
-}  // namespace
 
 Run
 runQuorvane(const std::string& args) {
@@ -70,8 +75,8 @@ runQuorvane(const std::string& args) {
     const int raw = std::system(command.c_str());
     Run run;
     run.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : 128 + WTERMSIG(raw);
-    run.out = slurp(logs / "out");
-    run.err = slurp(logs / "err");
+    run.out = readText(logs / "out");
+    run.err = readText(logs / "err");
     return run;
 }
 
@@ -104,11 +109,11 @@ writePicture(const std::string& path, const Picture& picture, OIIO::TypeDesc fil
     if (!out) {
         throw std::runtime_error("no writer for " + path);
     }
-    OIIO::ImageSpec spec(picture.width, picture.height, picture.channels,
-                         fileType == OIIO::TypeDesc::UNKNOWN ? picture.type : fileType);
-    spec.attribute("oiio:UnassociatedAlpha", 1);
+    OIIO::ImageSpec layout(picture.width, picture.height, picture.channels,
+                           fileType == OIIO::TypeDesc::UNKNOWN ? picture.type : fileType);
+    layout.attribute("oiio:UnassociatedAlpha", 1);
     if (picture.channels == 4 || picture.channels == 2) {
-        spec.alpha_channel = picture.channels - 1;
+        layout.alpha_channel = picture.channels - 1;
     }
     const void* data =
         picture.type == OIIO::TypeDesc::UINT8    ? static_cast<const void*>(picture.u8.data())
@@ -116,7 +121,7 @@ writePicture(const std::string& path, const Picture& picture, OIIO::TypeDesc fil
                                                  : static_cast<const void*>(picture.f32.data());
     const OIIO::TypeDesc dataType =
         picture.type == OIIO::TypeDesc::HALF ? OIIO::TypeDesc::FLOAT : picture.type;
-    if (!out->open(path, spec) || !out->write_image(dataType, data) || !out->close()) {
+    if (!out->open(path, layout) || !out->write_image(dataType, data) || !out->close()) {
         throw std::runtime_error("cannot write " + path + ": " + out->geterror());
     }
 }
@@ -129,26 +134,19 @@ readPicture(const std::string& path) {
     if (!in) {
         throw std::runtime_error("cannot open " + path + ": " + OIIO::geterror());
     }
-    const OIIO::ImageSpec& spec = in->spec();
-    Picture picture;
-    picture.width = spec.width;
-    picture.height = spec.height;
-    picture.channels = spec.nchannels;
-    picture.type = spec.format;
-    OIIO::TypeDesc readType = spec.format;
+    const OIIO::ImageSpec& layout = in->spec();
+    Picture picture{layout.width, layout.height, layout.nchannels, layout.format};
+    OIIO::TypeDesc readType = layout.format;
     void* data = nullptr;
-    if (spec.format == OIIO::TypeDesc::UINT8) {
-        picture.u8.resize(picture.size());
-        data = picture.u8.data();
-    } else if (spec.format == OIIO::TypeDesc::UINT16) {
-        picture.u16.resize(picture.size());
-        data = picture.u16.data();
+    if (layout.format == OIIO::TypeDesc::UINT8) {
+        data = (picture.u8.resize(picture.size()), picture.u8.data());
+    } else if (layout.format == OIIO::TypeDesc::UINT16) {
+        data = (picture.u16.resize(picture.size()), picture.u16.data());
     } else {
-        picture.f32.resize(picture.size());
-        data = picture.f32.data();
+        data = (picture.f32.resize(picture.size()), picture.f32.data());
         readType = OIIO::TypeDesc::FLOAT;
     }
-    if (!in->read_image(0, 0, 0, spec.nchannels, readType, data)) {
+    if (!in->read_image(0, 0, 0, layout.nchannels, readType, data)) {
         throw std::runtime_error("cannot read " + path + ": " + in->geterror());
     }
     return picture;
@@ -156,24 +154,17 @@ readPicture(const std::string& path) {
 
 Picture
 keyedFrame(int width, int height, unsigned seed) {
-    Picture p;
-    p.width = width;
-    p.height = height;
-    p.channels = 4;
+    Picture p{width, height, 4};
     p.u8.resize(p.size());
     std::mt19937 rng(seed);
     auto noise = [&](int low, int high) {
         return high <= low ? low : low + static_cast<int>(rng() % (high - low + 1));
     };
-    const double cx = width * 0.5;
-    const double cy = height * 0.55;
-    const double rx = width * 0.3;
-    const double ry = height * 0.35;
     for (int y = 0; y < height; ++y) {
         for (int x = 0; x < width; ++x) {
             std::uint8_t* q = &p.u8[(static_cast<std::size_t>(y) * width + x) * 4];
-            const double dx = (x - cx) / rx;
-            const double dy = (y - cy) / ry;
+            const double dx = (x - width * 0.5) / (width * 0.3);
+            const double dy = (y - height * 0.55) / (height * 0.35);
             const bool subject = dx * dx + dy * dy <= 1.0;
             q[0] = static_cast<std::uint8_t>(subject ? noise(150, 230) : noise(20, 80));
             q[1] = static_cast<std::uint8_t>(subject ? noise(120, 200) : noise(140, 220));
@@ -208,6 +199,12 @@ fileBytes(const std::string& path) {
 bool
 contains(const std::string& text, const std::string& part) {
     return text.find(part) != std::string::npos;
+}
+
+Effect::Effect()
+    : plugin(quorvane::headless::Plugin::load(quorvane::cli::pluginPath(""))), session(plugin) {
+    EXPECT_EQ(session.start(), PF_Err_NONE);
+    controls = std::make_unique<quorvane::cli::ControlSet>(session);
 }
 
 }  // namespace clitest

@@ -137,10 +137,10 @@ TEST(ImageFiles, grey_and_alphaless_files_become_rgba_with_straight_colours) {
     // Channels found by name, also inside an OpenEXR layer.
     {
         auto out = OIIO::ImageOutput::create(dir / "layers.exr");
-        OIIO::ImageSpec spec(1, 1, 5, OIIO::TypeDesc::FLOAT);
-        spec.channelnames = {"Z", "beauty.R", "beauty.G", "beauty.B", "beauty.A"};
+        OIIO::ImageSpec layout(1, 1, 5, OIIO::TypeDesc::FLOAT);
+        layout.channelnames = {"Z", "beauty.R", "beauty.G", "beauty.B", "beauty.A"};
         const float pixel[5] = {9.0f, 0.25f, 0.5f, 0.75f, 0.125f};
-        ASSERT_TRUE(out->open(dir / "layers.exr", spec) &&
+        ASSERT_TRUE(out->open(dir / "layers.exr", layout) &&
                     out->write_image(OIIO::TypeDesc::FLOAT, pixel) && out->close());
         EXPECT_EQ(cli::readImage(dir / "layers.exr").f32,
                   (std::vector<float>{0.25f, 0.5f, 0.75f, 0.125f}));
@@ -164,17 +164,16 @@ TEST(ImageFiles, grey_and_alphaless_files_become_rgba_with_straight_colours) {
 TEST(ImageFiles, output_types_follow_the_input_where_the_format_holds_it) {
     using enum cli::PixelType;
     TempDir dir;
-    const cli::OutputFormat png = cli::outputFormatFor(dir / "x.png");
-    const cli::OutputFormat exr = cli::outputFormatFor(dir / "x.exr");
-    const cli::OutputFormat jpg = cli::outputFormatFor(dir / "x.jpg");
-    EXPECT_EQ(cli::outputTypeFor(png, Float), U16);
-    EXPECT_EQ(cli::outputTypeFor(png, Half), U16);
-    EXPECT_EQ(cli::outputTypeFor(exr, U8), Float);
-    EXPECT_EQ(cli::outputTypeFor(exr, U16), Float);
-    EXPECT_EQ(cli::outputTypeFor(exr, Half), Half);
-    EXPECT_EQ(cli::outputTypeFor(jpg, U16), U8);
-    EXPECT_FALSE(jpg.alpha);
-    EXPECT_TRUE(png.alpha && exr.alpha);
+    const struct {
+        const char* name;
+        cli::PixelType input, output;
+    } cases[] = {{"x.png", Float, U16}, {"x.png", Half, U16},  {"x.exr", U8, Float},
+                 {"x.exr", U16, Float}, {"x.exr", Half, Half}, {"x.jpg", U16, U8}};
+    for (const auto& c : cases) {
+        const cli::OutputFormat format = cli::outputFormatFor(dir / c.name);
+        EXPECT_EQ(cli::outputTypeFor(format, c.input), c.output) << c.name;
+        EXPECT_EQ(format.alpha, c.name[2] != 'j') << c.name;
+    }
     EXPECT_THROW(cli::outputFormatFor(dir / "x.nothing"), cli::CliError);
 }
 

@@ -5,7 +5,6 @@
 
 #include <cstdio>
 
-#include "cli/app.h"
 #include "cli_support.h"
 
 namespace cli = quorvane::cli;
@@ -18,10 +17,9 @@ TEST(RenderJob, each_input_file_is_read_once_per_run) {
         std::snprintf(name, sizeof name, "p.%04d.png", f);
         clitest::writePicture(dir / name, clitest::keyedFrame(96, 64, static_cast<unsigned>(f)));
     }
-    headless::Plugin plugin = headless::Plugin::load(cli::pluginPath(""));
-    headless::Session probe(plugin);
-    ASSERT_EQ(probe.start(), PF_Err_NONE);
-    const cli::ControlSet controls(probe);
+    const clitest::Effect effect;
+    const cli::ControlSet& controls = *effect.controls;
+    const headless::Plugin& plugin = effect.plugin;
 
     cli::RenderRequest request;
     request.input = dir / "p.####.png";
@@ -50,6 +48,4 @@ TEST(RenderJob, each_input_file_is_read_once_per_run) {
 TEST(RenderJob, temporary_files_sit_beside_their_frame_with_its_extension) {
     EXPECT_EQ(cli::temporaryPathFor("out/clean.0001.png"), "out/.clean.0001.tmp.png");
     EXPECT_EQ(cli::temporaryPathFor("clean.exr"), ".clean.tmp.exr");
-    EXPECT_EQ(cli::minimumRows(headless::HostFamily::AfterEffects), 50);
-    EXPECT_EQ(cli::minimumRows(headless::HostFamily::Premiere), 200);
 }
