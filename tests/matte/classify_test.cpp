@@ -7,6 +7,7 @@
 
 #include "image/pixels.h"
 #include "matte/markers.h"
+#include "tests/support/stage_limits.h"
 #include "tests/support/worlds.h"
 
 using namespace qtest;
@@ -17,23 +18,9 @@ constexpr PF_Pixel16 kSolid{32768, 0, 0, 32768};
 constexpr PF_Pixel16 kFilled{32768, 0, 16384, 0};
 constexpr PF_Pixel16 kExtended{32768, 0, 24576, 0};
 
-FillLimitsArray
-wholeFrame(int width, int height)
-{
-    FillLimitsArray limits{};
-    limits.firstRow = 0;
-    limits.lastRow = height - 1;
-    for (int y = 0; y < height; ++y) {
-        limits.left[y] = 0;
-        limits.right[y] = width - 1;
-    }
-    return limits;
-}
-
 // The literal smart extend: every count walks its clamped square.
 void
-plainSmartExtend(OwnedWorld& cls, OwnedWorld& mask, const FillLimitsArray& limits, int se)
-{
+plainSmartExtend(OwnedWorld& cls, OwnedWorld& mask, const FillLimitsArray& limits, int se) {
     const int xMax = cls.width() - 1, yMax = cls.height() - 1;
     const int n = se * se * 3;
     for (int y = limits.firstRow; y <= limits.lastRow; ++y)
@@ -60,8 +47,7 @@ plainSmartExtend(OwnedWorld& cls, OwnedWorld& mask, const FillLimitsArray& limit
 // The literal classification: clear the whole world, then sort each pixel within the limits.
 void
 plainClassify(OwnedWorld& cls, const OwnedWorld& mask, OwnedWorld& alpha,
-              const FillLimitsArray& limits, bool no, bool info, float tolerance, uint16_t edge)
-{
+              const FillLimitsArray& limits, bool no, bool info, float tolerance, uint16_t edge) {
     cls.fill({0, 0, 0, 0});
     for (int y = limits.firstRow; y <= limits.lastRow; ++y)
         for (int x = limits.left[y]; x <= limits.right[y]; ++x) {
@@ -82,8 +68,7 @@ plainClassify(OwnedWorld& cls, const OwnedWorld& mask, OwnedWorld& alpha,
 
 }  // namespace
 
-TEST(Classification, MatchesTheLiteralVersionOnRandomMasks)
-{
+TEST(Classification, MatchesTheLiteralVersionOnRandomMasks) {
     // Few distinct values, so every rule fires; limits with empty and partial rows.
     const auto pick = [](std::mt19937& r, Channel) {
         static constexpr uint16_t kValues[] = {0, 0, 32768, 32768, 20000, 1, 5};
@@ -115,47 +100,7 @@ TEST(Classification, MatchesTheLiteralVersionOnRandomMasks)
     }
 }
 
-TEST(Classification, SortsTheRedMaskByTheFirstMatchingRule)
-{
-    // Red-mask pixels: filled, open, kept solid, something else.
-    OwnedWorld mask(4, 1);
-    mask.at(0, 0) = {32768, 32768, 0, 20000};
-    mask.at(1, 0) = {32768, 32768, 0, 0};
-    mask.at(2, 0) = {32768, 0, 0, 32768};
-    mask.at(3, 0) = {32768, 19168, 0, 5};
-    OwnedWorld alpha(4, 1);
-    alpha.fill({100, 0, 0, 0});
-    OwnedWorld cls(4, 1);
-    cls.fill({9, 9, 9, 9});
-    FillLimitsArray limits = wholeFrame(4, 1);
-
-    classifyRedMask(cls, mask, alpha, &limits, false, false, 0.0f, 1);
-    EXPECT_EQ(cls.at(0, 0).green, 16384);
-    EXPECT_EQ(cls.at(1, 0).alpha, 0);  // open without a colour range: transparent black
-    EXPECT_EQ(cls.at(2, 0).blue, 32768);
-    EXPECT_EQ(cls.at(3, 0).alpha, 0);
-    EXPECT_EQ(alpha.at(0, 0).alpha, 100);
-
-    // With a colour range an open pixel keeps its own red-mask pixel below edgeThreshold.
-    classifyRedMask(cls, mask, alpha, &limits, false, false, 500.0f, 200);
-    EXPECT_EQ(cls.at(1, 0).red, 32768);
-    classifyRedMask(cls, mask, alpha, &limits, false, false, 500.0f, 100);
-    EXPECT_EQ(cls.at(1, 0).blue, 32768);  // at the threshold: solid
-
-    // "Show color info ": filled pixels mark the alpha world with 2, kept solids get 8192.
-    classifyRedMask(cls, mask, alpha, &limits, false, true, 0.0f, 1);
-    EXPECT_EQ(alpha.at(0, 0).alpha, 2);
-    EXPECT_EQ(cls.at(2, 0).green, 8192);
-
-    // "NO ": only the alpha against edgeThreshold counts.
-    alpha.at(1, 0).alpha = 0;
-    classifyRedMask(cls, mask, alpha, &limits, true, false, 0.0f, 1);
-    EXPECT_EQ(cls.at(1, 0).alpha, 0);
-    EXPECT_EQ(cls.at(0, 0).blue, 32768);
-}
-
-TEST(SmartExtend, ThinSolidNextToARemovalGoesWithItThickStays)
-{
+TEST(SmartExtend, ThinSolidNextToARemovalGoesWithItThickStays) {
     // A filled region at the left, a one-pixel solid line leaving it, and a thick solid block.
     OwnedWorld cls(12, 9);
     for (int y = 0; y < 9; ++y)
@@ -165,8 +110,7 @@ TEST(SmartExtend, ThinSolidNextToARemovalGoesWithItThickStays)
         for (int x = 3; x < 12; ++x) cls.at(x, y) = kSolid;  // thick block
     OwnedWorld mask(12, 9);
     OwnedWorld scratch(12, 9);
-    FillLimitsArray limits = wholeFrame(12, 9);
-    smartExtendRemovals(cls, mask, scratch, &limits, 12, 9, 2);
+    smartExtendRemovals(cls, mask, scratch, qtest::wholeFrameLimits(12, 9).get(), 12, 9, 2);
 
     EXPECT_EQ(mask.at(3, 1).green, 24576);  // thin: extended
     EXPECT_EQ(mask.at(4, 1).green, 24576);
@@ -178,8 +122,7 @@ TEST(SmartExtend, ThinSolidNextToARemovalGoesWithItThickStays)
     EXPECT_EQ(cls.at(5, 1).alpha, 32768);
 }
 
-TEST(SmartExtend, MatchesTheLiteralVersionOnRandomClasses)
-{
+TEST(SmartExtend, MatchesTheLiteralVersionOnRandomClasses) {
     for (uint32_t seed = 1; seed <= 12; ++seed) {
         std::mt19937 rng(seed);
         const int width = 9 + static_cast<int>(rng() % 30);
@@ -189,8 +132,8 @@ TEST(SmartExtend, MatchesTheLiteralVersionOnRandomClasses)
         const PF_Pixel16 kinds[] = {{0, 0, 0, 0}, kSolid, kSolid, kFilled, {32768, 32768, 0, 0}};
         for (int y = 0; y < height; ++y)
             for (int x = 0; x < width; ++x) cls.at(x, y) = kinds[rng() % 5];
-        OwnedWorld mask = randomWorld(width, height, seed,
-                                      [](std::mt19937& r, Channel) { return uint16_t(r() % 40000); });
+        OwnedWorld mask = randomWorld(
+            width, height, seed, [](std::mt19937& r, Channel) { return uint16_t(r() % 40000); });
         FillLimitsArray limits{};
         limits.firstRow = static_cast<int>(rng() % 3);
         limits.lastRow = height - 1 - static_cast<int>(rng() % 3);

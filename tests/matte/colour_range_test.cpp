@@ -48,92 +48,50 @@ const PF_Pixel16 kBlack = rgb(0, 0, 0);
 
 }  // namespace
 
-TEST(ColourRangeBuilder, colours_summing_below_192_are_off) {
-    const PF_Pixel16 grey192 = rgb(64, 64, 64);
-    Built one(grey192, kBlack, rgb(100, 91, 0), 250.0f);  // lo sums to 191: off
-    EXPECT_EQ(one.range.count, 1);
-    EXPECT_TRUE(SamePoint(one.range.a, grey192));
-    EXPECT_TRUE(SamePoint(one.range.b, grey192));
-    EXPECT_TRUE(SamePoint(one.range.c, grey192));
-    EXPECT_EQ(one.range.tolerance, 250.0f);
-    EXPECT_EQ(one.range.beyondAB, 1.0f);
-
-    // With hi off, the single colour is mid, then lo.
-    const PF_Pixel16 mid = rgb(5000, 0, 0);
-    Built fromMid(rgb(64, 64, 63), mid, kBlack, 10.0f);
-    EXPECT_EQ(fromMid.range.count, 1);
-    EXPECT_TRUE(SamePoint(fromMid.range.a, mid));
-    Built fromLo(kBlack, kBlack, mid, 10.0f);
-    EXPECT_EQ(fromLo.range.count, 1);
-    EXPECT_TRUE(SamePoint(fromLo.range.a, mid));
-
-    // Two on colours: a segment from the first to the second, c doubling b.
-    const PF_Pixel16 far = rgb(8000, 4000, 0);  // 5000 from (5000, 0, 0) in red-green
-    Built two(kBlack, rgb(5000, 0, 0), rgb(9000, 4000, 3000), 250.0f);
-    EXPECT_EQ(two.range.count, 2);
-    EXPECT_TRUE(SamePoint(two.range.a, rgb(5000, 0, 0)));
-    EXPECT_TRUE(SamePoint(two.range.b, rgb(9000, 4000, 3000)));
-    Built pair(rgb(5000, 0, 0), kBlack, far, 250.0f);
-    EXPECT_EQ(pair.range.count, 2);
-    EXPECT_TRUE(SamePoint(pair.range.a, rgb(5000, 0, 0)));
-    EXPECT_TRUE(SamePoint(pair.range.b, far));
-    EXPECT_TRUE(SamePoint(pair.range.c, far));
-    EXPECT_EQ(pair.range.beyondAB, float(250.0 / 5000.0));
-    EXPECT_EQ(pair.range.beyondBC, 0.0f);
-}
-
-TEST(ColourRangeBuilder, duplicates_are_dropped_in_order) {
-    const PF_Pixel16 red = rgb(20000, 0, 0);
-    const PF_Pixel16 green = rgb(0, 20000, 0);
-
-    // hi = mid: mid drops, the segment runs hi -> lo.
-    Built hiMid(red, red, green, 100.0f);
-    EXPECT_EQ(hiMid.range.count, 2);
-    EXPECT_TRUE(SamePoint(hiMid.range.a, red));
-    EXPECT_TRUE(SamePoint(hiMid.range.b, green));
-
-    // mid = lo: mid drops, lo is the second point.
-    Built midLo(red, green, green, 100.0f);
-    EXPECT_EQ(midLo.range.count, 2);
-    EXPECT_TRUE(SamePoint(midLo.range.a, red));
-    EXPECT_TRUE(SamePoint(midLo.range.c, green));
-
-    // hi = lo: lo drops, the segment runs hi -> mid.
-    Built hiLo(red, green, red, 100.0f);
-    EXPECT_EQ(hiLo.range.count, 2);
-    EXPECT_TRUE(SamePoint(hiLo.range.a, red));
-    EXPECT_TRUE(SamePoint(hiLo.range.b, green));
-    EXPECT_TRUE(SamePoint(hiLo.range.c, green));
-
-    // All three equal: one colour, hi.
-    Built all(red, red, red, 100.0f);
-    EXPECT_EQ(all.range.count, 1);
-    EXPECT_TRUE(SamePoint(all.range.a, red));
-    EXPECT_EQ(all.range.beyondAB, 1.0f);
-
-    // hi off and mid = lo: one colour, lo.
-    Built offHi(kBlack, green, green, 100.0f);
-    EXPECT_EQ(offHi.range.count, 1);
-    EXPECT_TRUE(SamePoint(offHi.range.a, green));
-}
-
-TEST(ColourRangeBuilder, three_colours_store_count_two_and_none_builds_white_to_black) {
-    const PF_Pixel16 hi = rgb(30000, 30000, 30000);
-    const PF_Pixel16 mid = rgb(20000, 30000, 30000);  // 10000 from hi
-    const PF_Pixel16 lo = rgb(20000, 30000, 26000);   // 4000 from mid
-    Built three(hi, mid, lo, 500.0f);
-    EXPECT_EQ(three.range.count, 2);
-    EXPECT_TRUE(SamePoint(three.range.a, hi));
-    EXPECT_TRUE(SamePoint(three.range.b, mid));
-    EXPECT_TRUE(SamePoint(three.range.c, lo));
-    EXPECT_EQ(three.range.beyondAB, float(500.0 / 10000.0));
-    EXPECT_EQ(three.range.beyondBC, float(500.0 / 4000.0));
-
-    Built none(kBlack, rgb(10, 10, 10), kBlack, 500.0f);
-    EXPECT_EQ(none.range.count, 2);
-    EXPECT_TRUE(SamePoint(none.range.a, rgb(32768, 32768, 32768)));
-    EXPECT_TRUE(SamePoint(none.range.b, kBlack));
-    EXPECT_TRUE(SamePoint(none.range.c, kBlack));
+TEST(ColourRangeBuilder, keeps_the_on_colours_in_order_without_duplicates) {
+    // A colour summing below 192 is off; a later duplicate drops; two or three colours store
+    // count 2 (c doubles b for two); none at all builds white to black.
+    const PF_Pixel16 red = rgb(20000, 0, 0), green = rgb(0, 20000, 0), grey = rgb(64, 64, 64);
+    const PF_Pixel16 r5 = rgb(5000, 0, 0), far = rgb(8000, 4000, 0),
+                     white = rgb(32768, 32768, 32768);
+    const PF_Pixel16 hi = rgb(30000, 30000, 30000), mid = rgb(20000, 30000, 30000);
+    const PF_Pixel16 lo = rgb(20000, 30000, 26000);  // 4000 from mid, mid 10000 from hi
+    struct Case {
+        PF_Pixel16 hi, mid, lo;
+        int count;
+        PF_Pixel16 a, b, c;
+    };
+    const Case cases[] = {
+        {grey, kBlack, rgb(100, 91, 0), 1, grey, grey, grey},  // lo sums to 191: off
+        {rgb(64, 64, 63), r5, kBlack, 1, r5, r5, r5},          // hi off: mid
+        {kBlack, kBlack, r5, 1, r5, r5, r5},                   // then lo
+        {kBlack, r5, far, 2, r5, far, far},
+        {r5, kBlack, far, 2, r5, far, far},
+        {red, red, green, 2, red, green, green},    // hi = mid: mid drops
+        {red, green, green, 2, red, green, green},  // mid = lo: mid drops
+        {red, green, red, 2, red, green, green},    // hi = lo: lo drops
+        {red, red, red, 1, red, red, red},
+        {kBlack, green, green, 1, green, green, green},
+        {hi, mid, lo, 2, hi, mid, lo},
+        {kBlack, rgb(10, 10, 10), kBlack, 2, white, kBlack, kBlack},
+    };
+    for (const Case& k : cases) {
+        Built built(k.hi, k.mid, k.lo, 500.0f);
+        const Pix16LineRange& r = built.range;
+        EXPECT_EQ(r.count, k.count) << &k - cases;
+        EXPECT_TRUE(SamePoint(r.a, k.a) && SamePoint(r.b, k.b) && SamePoint(r.c, k.c))
+            << &k - cases;
+        EXPECT_EQ(r.tolerance, 500.0f);
+        if (k.count == 1) {
+            EXPECT_EQ(r.beyondAB, 1.0f);
+        }
+    }
+    // The allowances past each end are the tolerance over the segment's length.
+    EXPECT_EQ(Built(r5, kBlack, far, 250.0f).range.beyondAB, float(250.0 / 5000.0));
+    EXPECT_EQ(Built(r5, kBlack, far, 250.0f).range.beyondBC, 0.0f);
+    EXPECT_EQ(Built(hi, mid, lo, 500.0f).range.beyondAB, float(500.0 / 10000.0));
+    EXPECT_EQ(Built(hi, mid, lo, 500.0f).range.beyondBC, float(500.0 / 4000.0));
+    const Built none(kBlack, rgb(10, 10, 10), kBlack, 500.0f);
     EXPECT_EQ(none.range.beyondAB, float(500.0 / std::sqrt(3.0 * 32768.0 * 32768.0)));
     EXPECT_TRUE(std::isinf(none.range.beyondBC));  // b = c: a zero-length second segment
 }

@@ -386,30 +386,25 @@ TEST(FloodFill, pixels_on_a_rows_limit_are_left_out_of_spans) {
     EXPECT_EQ(redArt(edge.mask), lines({"#aa#", "#aa#", "...."}));
 }
 
-TEST(FloodFill, u_shaped_blob_whose_arms_meet_below_is_one_region) {
-    FillCase c({"..........",  //
-                ".##....##.",  //
-                ".##....##.",  //
-                ".##....##.",  //
-                ".########.",  //
-                ".........."});
-    c.keepLabels = true;
-    c.run();
-    EXPECT_EQ(redArt(c.mask), lines({"..........",  //
-                                     ".aa....aa.",  //
-                                     ".aa....aa.",  //
-                                     ".aa....aa.",  //
-                                     ".aaaaaaaa.",  //
-                                     ".........."}));
-    EXPECT_EQ(c.tags->count, 2);
-    EXPECT_EQ(c.tag(1).area, 3 * 1 + 3 * 1 + 7);
-
-    // Upside down: the arms are found from the bar above and filled downwards.
-    FillCase n({"..........", ".########.", ".##....##.", ".##....##.", ".........."});
-    n.keepLabels = true;
-    n.run();
-    EXPECT_EQ(redArt(n.mask),
-              lines({"..........", ".aaaaaaaa.", ".aa....aa.", ".aa....aa.", ".........."}));
+TEST(FloodFill, u_shaped_blob_whose_arms_meet_below_or_above_is_one_region) {
+    // Arms found before the bar that joins them, or found from the bar and filled downwards.
+    const std::vector<std::string> u = {"..........", ".##....##.", ".##....##.", ".########.",
+                                        ".........."};
+    const std::vector<std::string> n = {"..........", ".########.", ".##....##.", ".##....##.",
+                                        ".........."};
+    for (const auto& art : {u, n}) {
+        FillCase c(art);
+        c.keepLabels = true;
+        c.run();
+        std::string expected;
+        for (const std::string& row : art) {
+            expected += row + '\n';
+            std::replace(expected.end() - 11, expected.end(), '#', 'a');
+        }
+        EXPECT_EQ(redArt(c.mask), expected);
+        EXPECT_EQ(c.tags->count, 2);
+        EXPECT_EQ(c.tag(1).area, 2 * 1 + 2 * 1 + 7);
+    }
 }
 
 TEST(FloodFill, fill_tags_fold_overrun_into_last_record) {
@@ -709,22 +704,15 @@ TEST(FloodFill, hole_mode_turns_flagged_holes_solid) {
     EXPECT_EQ(c.mask.at(1, 1).blue, 20000);
 }
 
-TEST(FloodFill, zero_alpha_stops_spans) {
-    const std::vector<std::string> art = {".......", ".#####.", ".#####.", "......."};
-    FillCase stop(art);
-    stop.alpha.at(3, 1).alpha = 0;
-    stop.alpha.at(3, 2).alpha = 0;
-    stop.keepLabels = true;
-    stop.run();
-    EXPECT_EQ(redArt(stop.mask), lines({".......", ".aa#bb.", ".aa#bb.", "......."}));
-
-    FillCase through(art);
-    through.alpha.at(3, 1).alpha = 0;
-    through.alpha.at(3, 2).alpha = 0;
-    through.stopAtZeroAlpha = false;
-    through.keepLabels = true;
-    through.run();
-    EXPECT_EQ(redArt(through.mask), lines({".......", ".aaaaa.", ".aaaaa.", "......."}));
+TEST(FloodFill, zero_alpha_stops_spans_unless_told_otherwise) {
+    for (bool stop : {true, false}) {
+        FillCase c({".......", ".#####.", ".#####.", "......."});
+        c.alpha.at(3, 1).alpha = c.alpha.at(3, 2).alpha = 0;
+        c.stopAtZeroAlpha = stop, c.keepLabels = true;
+        c.run();
+        EXPECT_EQ(redArt(c.mask), stop ? lines({".......", ".aa#bb.", ".aa#bb.", "......."})
+                                       : lines({".......", ".aaaaa.", ".aaaaa.", "......."}));
+    }
 }
 
 TEST(FloodFill, max_size_below_one_fills_nothing_and_alpha_is_reset_only_after_a_fill) {
@@ -880,24 +868,16 @@ TEST(FloodFill, random_mattes_labels_match_reference_and_every_claimed_pixel_get
             c.keepLines = round % 5 == 0, c.guardVeto = round % 7 == 0;
             c.guardRadius = round % 3, c.darkLimit = (round % 4) * 20000;
         };
-        FillCase labelled{OwnedWorld(m.mask)};
-        setUp(labelled);
+        FillCase labelled{OwnedWorld(m.mask)}, rewritten{OwnedWorld(m.mask)},
+            diagonal{OwnedWorld(m.mask)}, zonesOnly{OwnedWorld(m.mask)};
+        for (FillCase* c : {&labelled, &rewritten, &diagonal, &zonesOnly}) setUp(*c);
         labelled.keepLabels = true;
-        labelled.run();
-        FillCase rewritten{OwnedWorld(m.mask)};
-        setUp(rewritten);
-        rewritten.run();
-        FillCase diagonal{OwnedWorld(m.mask)};
-        setUp(diagonal);
         diagonal.fillZeroFromDiagonal = true;
-        diagonal.run();
+        zonesOnly.maxSize = 0;  // guard zones only
+        for (FillCase* c : {&labelled, &rewritten, &diagonal, &zonesOnly}) c->run();
 
         // The reference labels the same pixels and measures the same regions.
         OwnedWorld refMask(m.mask);
-        FillCase zonesOnly{OwnedWorld(m.mask)};
-        setUp(zonesOnly);
-        zonesOnly.maxSize = 0;
-        zonesOnly.run();  // guard zones only
         literalGuardZones(refMask, round % 3);
         ASSERT_TRUE(qtest::SamePlane(refMask, zonesOnly.mask, qtest::kGreen)) << "round " << round;
         ReferenceFill ref{m.alpha, refMask, m.limits, A_u_short(blobMode ? 0 : kOpen),

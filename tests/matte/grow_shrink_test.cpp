@@ -133,9 +133,8 @@ TEST(GrowShrink, shrink_passes_alternate_square_and_diamond_and_spare_the_frame_
     EXPECT_EQ(qtest::toArt(m, kBlue), "......\n......\n###...\n###...\n......\n......\n");
     // A one-pixel hole in a solid area: pass 0 (all 8 neighbours) opens a square, pass 1
     // (all 4 edge-neighbours) widens it by a diamond step: an octagon.
-    const OwnedWorld holed =
-        fromArt({"#######", "#######", "#######", "###.###", "#######", "#######", "#######"},
-                kBlue);
+    const OwnedWorld holed = fromArt(
+        {"#######", "#######", "#######", "###.###", "#######", "#######", "#######"}, kBlue);
     OwnedWorld square = holed, octagon = holed;
     growShrink(square, -1);
     growShrink(octagon, -2);

@@ -68,12 +68,12 @@ TEST(IsolatedHoles, specks_with_fewer_than_two_edge_neighbours_are_removed) {
     // Lone pixel, 2x1 pair, diagonal pair, line ends go; a 2x2 block and a line's inside stay.
     // At the frame edge a pixel counts itself as its clamped neighbour: the corner speck and
     // the lower pixel of the pair on the last row stay.
-    const OwnedWorld before = fromArt({"#.........", ".#...##...", "..........", ".##....#..",
-                                       ".##...#...", "..........", ".#####....", "..........",
-                                       "...#......", "...#.....#"});
-    const OwnedWorld expected = fromArt({"#.........", "..........", "..........", ".##.......",
-                                         ".##.......", "..........", "..###.....", "..........",
-                                         "..........", "...#.....#"});
+    const OwnedWorld before =
+        fromArt({"#.........", ".#...##...", "..........", ".##....#..", ".##...#...", "..........",
+                 ".#####....", "..........", "...#......", "...#.....#"});
+    const OwnedWorld expected =
+        fromArt({"#.........", "..........", "..........", ".##.......", ".##.......", "..........",
+                 "..###.....", "..........", "..........", "...#.....#"});
     EXPECT_TRUE(qtest::SamePlane(expected, despeckle(before, true, 16384), kAlpha));
 }
 

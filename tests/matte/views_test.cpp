@@ -12,8 +12,7 @@ using namespace qtest;
 namespace {
 
 FillLimitsArray
-columnsOf(int height, int left, int right)
-{
+columnsOf(int height, int left, int right) {
     FillLimitsArray limits{};
     limits.firstRow = 0;
     limits.lastRow = height - 1;
@@ -26,8 +25,7 @@ columnsOf(int height, int left, int right)
 
 }  // namespace
 
-TEST(ResultComposition, GreyViewShowsTheResultAlphaInsideTheLimitsAndBlackOutside)
-{
+TEST(ResultComposition, GreyViewShowsTheResultAlphaInsideTheLimitsAndBlackOutside) {
     // The composition itself is pinned by the per-pixel rule on random worlds below.
     OwnedWorld input(5, 1), alpha(5, 1), mask(5, 1), out(5, 1);
     input.fill({111, 1000, 2000, 3000});
@@ -44,8 +42,7 @@ TEST(ResultComposition, GreyViewShowsTheResultAlphaInsideTheLimitsAndBlackOutsid
     EXPECT_TRUE(out.paddingIntact());
 }
 
-TEST(ResultComposition, MatchesThePerPixelRuleOnRandomWorlds)
-{
+TEST(ResultComposition, MatchesThePerPixelRuleOnRandomWorlds) {
     const auto any = [](std::mt19937& r, Channel) {
         static constexpr uint16_t kValues[] = {0, 32768, 16384, 1, 30000};
         return r() % 2 ? kValues[r() % 5] : static_cast<uint16_t>(r() % 32769);
@@ -91,8 +88,7 @@ TEST(ResultComposition, MatchesThePerPixelRuleOnRandomWorlds)
     }
 }
 
-TEST(ColorInfoView, FirstMatchingRuleColoursEachPixel)
-{
+TEST(ColorInfoView, FirstMatchingRuleColoursEachPixel) {
     OwnedWorld alpha(5, 1);
     alpha.fill({32768, 100, 200, 300});
     alpha.at(0, 0).alpha = 1;
@@ -123,13 +119,12 @@ TEST(ColorInfoView, FirstMatchingRuleColoursEachPixel)
     alpha.fill({0, 0, 0, 0});
     mask.fill({0, 0, 0, 0});
     showColorInfo(alpha, mask, input8, out, 5, 1);
-    EXPECT_EQ(out.at(3, 0).green, 512);          // 2 · (128 + 128)
-    EXPECT_EQ(out.at(3, 0).blue, 2560 + 2560);   // 20·128 + 2·(10·128)
-    EXPECT_EQ(out.at(4, 0).alpha, 32768);        // input alpha 0: nothing removed
+    EXPECT_EQ(out.at(3, 0).green, 512);         // 2 · (128 + 128)
+    EXPECT_EQ(out.at(3, 0).blue, 2560 + 2560);  // 20·128 + 2·(10·128)
+    EXPECT_EQ(out.at(4, 0).alpha, 32768);       // input alpha 0: nothing removed
 }
 
-TEST(RedMaskView, MarkersGetABoxAndFourBars)
-{
+TEST(RedMaskView, MarkersGetABoxAndFourBars) {
     OwnedWorld mask(20, 20);
     mask.fill({5, 6, 7, 8});
     FillLimitsArray limits = columnsOf(20, 0, 9);
@@ -160,8 +155,7 @@ TEST(RedMaskView, MarkersGetABoxAndFourBars)
     EXPECT_TRUE(out.paddingIntact());
 }
 
-TEST(ColorInfoView, AnInputSmallerThanTheFrameCountsAsTransparentBeyondItsEdge)
-{
+TEST(ColorInfoView, AnInputSmallerThanTheFrameCountsAsTransparentBeyondItsEdge) {
     OwnedWorld alpha(4, 2);  // alpha 0 everywhere: "removed" wherever the input had matte
     OwnedWorld mask(4, 2);
     OwnedWorld input(2, 1);
@@ -173,7 +167,7 @@ TEST(ColorInfoView, AnInputSmallerThanTheFrameCountsAsTransparentBeyondItsEdge)
     EXPECT_EQ(out.at(0, 1).blue, 0);
     EXPECT_EQ(out.at(3, 1).alpha, 32768);
 
-    PF_LayerDef none{};  // no layer chosen
+    PF_LayerDef none{};        // no layer chosen
     alpha.fill({0, 0, 0, 0});  // the view rewrote the alpha world
     showColorInfo(alpha, mask, &none, out, 4, 2);
     EXPECT_EQ(out.at(0, 0).blue, 0);
