@@ -338,25 +338,6 @@ TEST(FloodFill, spans_of_two_or_more_pixels_are_painted_single_pixel_spans_never
     EXPECT_EQ(redArt(diagonal.mask), lines({"......", ".#....", "..#...", "...#..", "......"}));
 }
 
-TEST(FloodFill, span_end_counts_pin_the_seeding_rules) {
-    // 3 x 2 rectangle: 2 painted spans (4 ends), 2 failed seeds above, 2 below the second
-    // row, and 1 more because a root's cursor is never moved by its children.
-    FillCase two({".....", ".###.", ".###.", ".....", "....."});
-    two.keepLabels = true;
-    two.run();
-    EXPECT_EQ(two.tag(1).area, 4);
-    EXPECT_EQ(two.tag(1).spanEnds, 9);
-    // 3 x 3: the middle row's child covers its span, so the middle row skips the rest (the
-    // parent-cursor update), and each contained row never looks back (containment).
-    FillCase three({".....", ".###.", ".###.", ".###.", "....."});
-    three.keepLabels = true;
-    three.run();
-    EXPECT_EQ(three.tag(1).area, 6);
-    EXPECT_EQ(three.tag(1).spanEnds, 11);
-    EXPECT_EQ(three.tag(1).widestY, 1);  // first widest span wins a tie
-    EXPECT_EQ(three.tag(1).widestWidth, 2);
-}
-
 TEST(FloodFill, pixels_on_a_rows_limit_are_left_out_of_spans) {
     FillCase c({"........",  //
                 "#.####.#",  //
