@@ -79,11 +79,13 @@ TEST(HeadlessSession, commands_carry_in_data_and_the_input_layer_as_the_host_fil
                                   .timeScale = 240});
     PF_InData seen{};
     PF_LayerDef input{};
+    A_u_char firstRed = 0;  // read while the layer is still the effect's
     bool outputDeep = true;
     fx.on[PF_Cmd_RENDER] = [&](PF_InData* in, PF_OutData*, PF_ParamDef** params,
                                PF_LayerDef* output, auto...) -> PF_Err {
         seen = *in;
         input = params[0]->u.ld;
+        firstRed = reinterpret_cast<PF_Pixel*>(input.data)->red;
         outputDeep = PF_WORLD_IS_DEEP(output);
         return PF_Err_NONE;
     };
@@ -99,7 +101,7 @@ TEST(HeadlessSession, commands_carry_in_data_and_the_input_layer_as_the_host_fil
     EXPECT_EQ(seen.num_params, 1);
     EXPECT_EQ(input.height, 2);
     EXPECT_GT(input.rowbytes, 4 * 4);
-    EXPECT_EQ(reinterpret_cast<PF_Pixel*>(input.data)->red, 2);  // frame 2 at 8 bits
+    EXPECT_EQ(firstRed, 2);  // frame 2 at 8 bits
     EXPECT_FALSE(outputDeep);
 
     // An After Effects host has its own id; other command codes pass through unchanged.
