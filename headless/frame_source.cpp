@@ -1,6 +1,7 @@
 #include "headless/frame_source.h"
 
 #include <algorithm>
+#include <cstring>
 #include <stdexcept>
 #include <utility>
 
@@ -92,17 +93,26 @@ MemoryFrameSource::fill(A_long frame, PF_LayerDef& world) {
     }
     const Frame& f = frames_[static_cast<std::size_t>(frame - first_)];
     const bool deep = PF_WORLD_IS_DEEP(&world);
+    const std::size_t w = static_cast<std::size_t>(width_);
+    if (w == 0) {
+        return PF_Err_NONE;
+    }
     for (A_long y = 0; y < height_; ++y) {
         char* row =
             reinterpret_cast<char*>(world.data) + static_cast<std::ptrdiff_t>(y) * world.rowbytes;
-        const std::size_t base = static_cast<std::size_t>(y) * static_cast<std::size_t>(width_);
-        for (A_long x = 0; x < width_; ++x) {
-            const std::size_t i = base + static_cast<std::size_t>(x);
-            if (deep) {
-                reinterpret_cast<PF_Pixel16*>(row)[x] = f.deep ? f.p16[i] : to16(f.p8[i]);
-            } else {
-                reinterpret_cast<PF_Pixel*>(row)[x] = f.deep ? to8(f.p16[i]) : f.p8[i];
-            }
+        const std::size_t base = static_cast<std::size_t>(y) * w;
+        if (deep && f.deep) {
+            std::memcpy(row, f.p16.data() + base, w * sizeof(PF_Pixel16));
+        } else if (!deep && !f.deep) {
+            std::memcpy(row, f.p8.data() + base, w * sizeof(PF_Pixel));
+        } else if (deep) {
+            std::transform(f.p8.begin() + base, f.p8.begin() + base + w,
+                           reinterpret_cast<PF_Pixel16*>(row),
+                           [](const PF_Pixel& p) { return to16(p); });
+        } else {
+            std::transform(f.p16.begin() + base, f.p16.begin() + base + w,
+                           reinterpret_cast<PF_Pixel*>(row),
+                           [](const PF_Pixel16& p) { return to8(p); });
         }
     }
     return PF_Err_NONE;

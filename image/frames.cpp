@@ -153,7 +153,8 @@ PF_Err
 populate_FrameArrayFramesNoMatterWhat(PF_LayerDef* frames, PF_LayerDef** framePointers,
                                       PF_LayerDef* fallback, PF_InData* in_data, DisposalList* list,
                                       int width, int widthFactor, int height, bool outputIs8Bit,
-                                      int framesBefore, int framesAfter) {
+                                      int framesBefore, int framesAfter, int readBefore,
+                                      int readAfter) {
     PF_Err err = PF_Err_NONE;
     for (int offset = -framesBefore; offset <= framesAfter; ++offset) {
         const int slot = offset + kFrameSlotCentre;
@@ -180,7 +181,9 @@ populate_FrameArrayFramesNoMatterWhat(PF_LayerDef* frames, PF_LayerDef** framePo
             const bool source8Bit =
                 isPremierePro(in_data) ? outputIs8Bit : !PF_WORLD_IS_DEEP(checkedOut);
             const PF_LayerDef source = clippedToFrame(checkedOut, width, height);
-            if (source8Bit) {
+            if (offset < -readBefore || offset > readAfter) {
+                // Never read: the world stays as made.
+            } else if (source8Bit) {
                 copy8To16BitWorld(&source, storage);
             } else {
                 copyWorldToWorld(&source, storage);

@@ -69,11 +69,15 @@ PF_Err populate_OrConvertWrldPreserveOriginalFrameWithMask(PF_LayerDef* working,
 // Order    per frame: make, check out, copy, check in; the first error (of the creation or
 //          the check-out) checks the layer in and ends the loop, later slots stay unset
 // Returns  the OR of creation and check-out errors; check-in errors are ignored
+// Only offsets -readBefore..readAfter have their pixels copied: a caller that never reads the
+// other frames still has them made and checked out, as the host expects, but leaves them
+// zeroed instead of paying for a copy nobody reads.
 PF_Err populate_FrameArrayFramesNoMatterWhat(PF_LayerDef* frames, PF_LayerDef** framePointers,
                                              PF_LayerDef* fallback, PF_InData* in_data,
                                              DisposalList* list, int width, int widthFactor,
                                              int height, bool outputIs8Bit, int framesBefore,
-                                             int framesAfter);
+                                             int framesAfter, int readBefore = kDisposalSlots,
+                                             int readAfter = kDisposalSlots);
 
 // Points *target at the world the render writes its result into.
 // Writes   with an 8-bit output: *local zeroed, made 16-bit (width * widthFactor by height)

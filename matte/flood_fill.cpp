@@ -131,6 +131,21 @@ expandSpan(Seed* seed, const PF_LayerDef* alphaWorld, const PF_LayerDef* redMask
     seed->right = r <= hi ? r - 1 : hi - 1;
 }
 
+// True when a seed started at (x, y) would find no span because its own pixel already fails
+// (outside the limits, not the target, or zero alpha with the stop): expandSpan would give
+// left = right = x, and such a seed leaves nothing behind but one span end.
+template <bool kStopAtZeroAlpha>
+inline bool
+startPixelFails(int x, int y, const PF_LayerDef* alphaWorld, const PF_LayerDef* redMask,
+                unsigned short target, const FillLimitsArray* limits) {
+    if (y < limits->firstRow || y > limits->lastRow || x < limits->left[y] ||
+        x > limits->right[y]) {
+        return true;
+    }
+    return (kStopAtZeroAlpha && row16(alphaWorld, y)[x].alpha == 0) ||
+           row16(redMask, y)[x].red != target;
+}
+
 // Record index N is held in the red plane as N * 32.
 constexpr int kLabelShift = 5;
 
@@ -449,6 +464,14 @@ void
 runSeedStack(SeedStack* seeds, PF_LayerDef* alphaWorld, PF_LayerDef* redMask, int height,
              unsigned short target, FillTag* tag, unsigned short label,
              const FillLimitsArray* limits) {
+    // A child seed whose own pixel fails is settled where it would be pushed: pushed, it
+    // would find an empty span, count one span end, leave its parent's cursor where the
+    // parent's own step puts it, and be popped at once. Near the end of the fixed entries
+    // every seed is pushed, so a push the overflow cannot take is dropped as before.
+    const auto seedFailsAtOnce = [&](int x, int y) {
+        return seeds->count + 1 < kSeedStackCapacity &&
+               startPixelFails<kStopAtZeroAlpha>(x, y, alphaWorld, redMask, target, limits);
+    };
     while (seeds->count > 0) {
         const int index = seeds->count;
         Seed* s = &seedAt(seeds, index);
@@ -519,8 +542,12 @@ runSeedStack(SeedStack* seeds, PF_LayerDef* alphaWorld, PF_LayerDef* redMask, in
                 continue;
             }
             // The last column of a span (spanRight) never seeds.
-            pushSeed(seeds, false, s->cursor, s->y - 1, s->carry, height - 1, index, false);
-            s = &seedAt(seeds, index);  // the push may have moved the overflow block
+            if (seedFailsAtOnce(s->cursor, s->y - 1)) {
+                countSpanEnd(tag, row16(redMask, s->y - 1)[s->cursor]);
+            } else {
+                pushSeed(seeds, false, s->cursor, s->y - 1, s->carry, height - 1, index, false);
+                s = &seedAt(seeds, index);  // the push may have moved the overflow block
+            }
             if (s->cursor < s->spanRight) {
                 ++s->cursor;
             } else {
@@ -531,8 +558,12 @@ runSeedStack(SeedStack* seeds, PF_LayerDef* alphaWorld, PF_LayerDef* redMask, in
             if (!s->canDown) {
                 s->state = 0;
             } else if (s->y + 1 < height && s->cursor < s->spanRight) {
-                pushSeed(seeds, true, s->cursor, s->y + 1, s->carry, height - 1, index, false);
-                s = &seedAt(seeds, index);
+                if (seedFailsAtOnce(s->cursor, s->y + 1)) {
+                    countSpanEnd(tag, row16(redMask, s->y + 1)[s->cursor]);
+                } else {
+                    pushSeed(seeds, true, s->cursor, s->y + 1, s->carry, height - 1, index, false);
+                    s = &seedAt(seeds, index);
+                }
                 if (s->cursor < s->spanRight) {
                     ++s->cursor;
                 } else {

@@ -338,13 +338,16 @@ Render(PF_InData* in_data, PF_OutData* out_data, PF_ParamDef* params[], PF_Layer
 
     // 6. Scale.
     const A_long scale = scaleFromDownsampling(in_data);
+    const RenderSettings s = readSettings(params, scale, height);
 
-    // 7. Frame set: previous, current and next frame.
+    // 7. Frame set: previous, current and next frame. The render reads the current frame,
+    // and the next one only for the pre-clean; the others are made and checked out but not
+    // copied.
     PF_LayerDef frames[kFrameSlots];
     PF_LayerDef* framePointers[kFrameSlots] = {};
     err = populate_FrameArrayFramesNoMatterWhat(frames, framePointers, &workingInputWorld, in_data,
                                                 list, width, widthFactor, height, outputIs8Bit, 1,
-                                                1);
+                                                1, 0, s.preCleanSize >= 1 ? 1 : 0);
     if (err || framePointers[kFrameSlotNext] == nullptr ||
         framePointers[kFrameSlotCurrent] == nullptr) {
         return PF_Err_INTERNAL_STRUCT_DAMAGED;
@@ -358,8 +361,6 @@ Render(PF_InData* in_data, PF_OutData* out_data, PF_ParamDef* params[], PF_Layer
     if (err) {
         return err;
     }
-
-    const RenderSettings s = readSettings(params, scale, height);
 
     // 9. Colours.
     PF_Pixel16 hi = {0, 0, 0, 0};
