@@ -4,7 +4,9 @@
 // and 0 <= y < height.
 #pragma once
 
+#if defined(__SSE2__)
 #include <emmintrin.h>
+#endif
 
 #include "AEConfig.h"
 #include "AE_Effect.h"
@@ -109,6 +111,7 @@ inline A_long
 findChannelValueInRow(const PF_Pixel16* row, A_long x, A_long last, A_u_short value)
 {
     static_assert(kChannel >= 0 && kChannel <= 3);
+#if defined(__SSE2__)
     const __m128i want = _mm_set1_epi16(static_cast<short>(value));
     // Mask bits of the channel's two bytes in the first and the second pixel of a load.
     constexpr int kFirst = 3 << (2 * kChannel);
@@ -125,6 +128,7 @@ findChannelValueInRow(const PF_Pixel16* row, A_long x, A_long last, A_u_short va
             return (mb & kFirst) != 0 ? x + 2 : x + 3;
         }
     }
+#endif
     for (; x <= last; ++x) {
         const PF_Pixel16& p = row[x];
         const A_u_short v = kChannel == kChannelAlpha ? p.alpha

@@ -81,15 +81,6 @@ paintSpan(PF_Pixel16* row, int left, int right, unsigned short label) {
     }
 }
 
-// Sets alpha = 32768 on columns 0..width - 1 of the row.
-inline void
-setRowAlphasFull(PF_Pixel16* row, int width) {
-    for (int c = 0; c < width; ++c) {
-        const uint64_t w = std::bit_cast<uint64_t>(row[c]);
-        row[c] = std::bit_cast<PF_Pixel16>((w & ~uint64_t{0xFFFF}) | kFull16);
-    }
-}
-
 // The sideways expansion: left and right of the run of target pixels around (x, y), with the
 // limit pixel left out where a walk reaches it unstopped; left = right = x (an empty span) when
 // the start pixel itself fails.
@@ -406,12 +397,16 @@ applyCrossHairs(CrossHairsArray* crossHairs, FillTagList* tags, PF_LayerDef* red
 }
 
 // Replaces every label inside the limits with its region's verdict (red and blue), row by row
-// in scan order. With fillZeroFromDiagonal, a red-0 pixel takes the red and blue of the first
-// of its diagonal neighbours, row by row, whose red is 33 or more or whose blue is at least 1;
-// without one it takes the values last taken in this pass (red 0 and blue 0 before any). The
-// neighbours are found by stepping 2 from max(v - 1, 0) while below min(size, v + 2), so on
-// the first row or column the pixel's own row or column stands in for the missing one, and on
-// the last only the row or column before it is looked at.
+// in scan order, and sets every alpha of the frame to 32768. With fillZeroFromDiagonal, a
+// red-0 pixel takes the red and blue of the first of its diagonal neighbours, row by row,
+// whose red is 33 or more or whose blue is at least 1; without one it takes the values last
+// taken in this pass (red 0 and blue 0 before any). The neighbours are found by stepping 2
+// from max(v - 1, 0) while below min(size, v + 2), so on the first row or column the pixel's
+// own row or column stands in for the missing one, and on the last only the row or column
+// before it is looked at.
+//
+// The rewrite reads and writes only red and blue, the alpha reset only alpha, so each pixel
+// takes its new alpha as it is rewritten.
 struct LabelRewriter {
     FillTagList* tags;
     PF_LayerDef* redMask;
@@ -421,39 +416,93 @@ struct LabelRewriter {
     unsigned short lastRed = 0;
     unsigned short lastBlue = 0;
 
-    // Rewrites row y (rows are handed over in scan order).
+    // Rewrites columns limits->left[y]..limits->right[y] of row y (rows are handed over in
+    // scan order) and sets the alpha of every pixel of the row.
     void row(int y, PF_Pixel16* row) {
-        const int yBegin = std::max(y - 1, 0);
-        const int yEnd = std::min(height, y + 2);
+        const int left = limits->left[y];
         const int right = limits->right[y];
-        for (int x = limits->left[y]; x <= right; ++x) {
-            PF_Pixel16& pixel = row[x];
-            if (isRegionLabel(pixel.red)) {
-                const FillTag& tag = tags->tags[pixel.red >> kLabelShift];
-                pixel.red = tag.redValue;
-                pixel.blue = tag.blueValue;
-            } else if (pixel.red == 0 && fillZeroFromDiagonal) {
-                const int xBegin = std::max(x - 1, 0);
-                const int xEnd = std::min(width, x + 2);
-                bool taken = false;
-                for (int yy = yBegin; yy < yEnd && !taken; yy += 2) {
-                    const PF_Pixel16* neighbourRow = row16(redMask, yy);
-                    for (int xx = xBegin; xx < xEnd; xx += 2) {
-                        const PF_Pixel16& n = neighbourRow[xx];
-                        // A neighbour not yet rewritten passes on its label, which then stays.
-                        // Red above the first label (open, or label 64 and up) or any blue.
-                        if (n.red > kRedFirstLabel || n.blue >= 1) {
-                            lastRed = n.red;
-                            lastBlue = n.blue;
-                            taken = true;
-                            break;
-                        }
-                    }
-                }
-                pixel.red = lastRed;
-                pixel.blue = lastBlue;
+        setAlphasFull(row, 0, std::min(left, width));
+        int x = left;
+#if defined(__SSE2__)
+        // Four pixels at a time: most hold neither a label nor (when it matters) red 0, and
+        // only take the alpha.
+        const __m128i lastLabel = _mm_set1_epi16(static_cast<short>(kRedLastLabel));
+        const __m128i belowFirstLabel = _mm_set1_epi16(kRedFirstLabel - 1);
+        const __m128i zero = _mm_setzero_si128();
+        const auto rewritten = [&](__m128i pair) {
+            // Red at most the last label: a label, or red 0 to 31.
+            __m128i m = _mm_cmpeq_epi16(_mm_subs_epu16(pair, lastLabel), zero);
+            if (!fillZeroFromDiagonal) {
+                m = _mm_andnot_si128(_mm_cmpeq_epi16(_mm_subs_epu16(pair, belowFirstLabel), zero),
+                                     m);
+            }
+            return _mm_movemask_epi8(m) & kRedLaneBits;
+        };
+        for (; x + 3 <= right; x += 4) {
+            const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(row + x));
+            const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(row + x + 2));
+            if ((rewritten(a) | rewritten(b)) == 0) {
+                _mm_storeu_si128(reinterpret_cast<__m128i*>(row + x), withFullAlpha(a));
+                _mm_storeu_si128(reinterpret_cast<__m128i*>(row + x + 2), withFullAlpha(b));
+                continue;
+            }
+            for (int i = 0; i < 4; ++i) {
+                pixel(y, x + i, row[x + i]);
             }
         }
+#endif
+        for (; x <= right; ++x) {
+            pixel(y, x, row[x]);
+        }
+        setAlphasFull(row, std::max(right + 1, left), width);
+    }
+
+#if defined(__SSE2__)
+    // Bits of the red channel's bytes, both pixels, in a movemask of two pixels.
+    static constexpr int kRedLaneBits = (3 << 2) | (3 << 10);
+
+    static __m128i withFullAlpha(__m128i pair) {
+        const __m128i alphaLanes = _mm_set_epi16(0, 0, 0, -1, 0, 0, 0, -1);
+        const __m128i full = _mm_and_si128(_mm_set1_epi16(static_cast<short>(kFull16)), alphaLanes);
+        return _mm_or_si128(_mm_andnot_si128(alphaLanes, pair), full);
+    }
+#endif
+
+    static void setAlphasFull(PF_Pixel16* row, int begin, int end) {
+        for (int c = std::max(begin, 0); c < end; ++c) {
+            row[c].alpha = kFull16;
+        }
+    }
+
+    void pixel(int y, int x, PF_Pixel16& pixel) {
+        if (isRegionLabel(pixel.red)) {
+            const FillTag& tag = tags->tags[pixel.red >> kLabelShift];
+            pixel.red = tag.redValue;
+            pixel.blue = tag.blueValue;
+        } else if (pixel.red == 0 && fillZeroFromDiagonal) {
+            const int yBegin = std::max(y - 1, 0);
+            const int yEnd = std::min(height, y + 2);
+            const int xBegin = std::max(x - 1, 0);
+            const int xEnd = std::min(width, x + 2);
+            bool taken = false;
+            for (int yy = yBegin; yy < yEnd && !taken; yy += 2) {
+                const PF_Pixel16* neighbourRow = row16(redMask, yy);
+                for (int xx = xBegin; xx < xEnd; xx += 2) {
+                    const PF_Pixel16& n = neighbourRow[xx];
+                    // A neighbour not yet rewritten passes on its label, which then stays.
+                    // Red above the first label (open, or label 64 and up) or any blue.
+                    if (n.red > kRedFirstLabel || n.blue >= 1) {
+                        lastRed = n.red;
+                        lastBlue = n.blue;
+                        taken = true;
+                        break;
+                    }
+                }
+            }
+            pixel.red = lastRed;
+            pixel.blue = lastBlue;
+        }
+        pixel.alpha = kFull16;
     }
 };
 
@@ -753,8 +802,6 @@ floodFillHolesLogInFillTagList(PF_LayerDef* alphaWorld, PF_LayerDef* redMask, in
 
     applyCrossHairs(crossHairs, tags, redMask, width, height, maxSize, blobMode);
 
-    // The final rewrite reads and writes only red and blue, the alpha reset only alpha, so
-    // each row is reset right after it is rewritten, while it is still in the cache.
     const int rewriteFirst = keepLabels ? height : std::max(limits->firstRow, 0);
     const int rewriteLast = keepLabels ? -1 : std::min(limits->lastRow, height - 1);
     LabelRewriter rewriter{tags, redMask, width, height, limits, fillZeroFromDiagonal};
@@ -762,7 +809,8 @@ floodFillHolesLogInFillTagList(PF_LayerDef* alphaWorld, PF_LayerDef* redMask, in
         PF_Pixel16* row = row16(redMask, y);
         if (y >= rewriteFirst && y <= rewriteLast) {
             rewriter.row(y, row);
+        } else {
+            LabelRewriter::setAlphasFull(row, 0, width);
         }
-        setRowAlphasFull(row, width);
     }
 }
