@@ -100,13 +100,15 @@ World::World(A_long width, A_long height, bool deep, Pixels pixels) {
     auto* base = reinterpret_cast<std::uint8_t*>(storage_.get());
     // Pixels zero (unless the source fills them), padding and guards the marker, each byte
     // written once.
+    // A zeroed world is cleared in one call, padding included (then marked): one large fill
+    // streams to memory, where a fill per row would first read every line it writes.
     const std::size_t pixelRow = static_cast<std::size_t>(width) * pixel;
     std::memset(base, kMarker, kHeadBytes);
+    if (pixels == Pixels::Zeroed) {
+        std::memset(base + kHeadBytes, 0, rowbytes * static_cast<std::size_t>(height));
+    }
     for (A_long y = 0; y < height; ++y) {
         std::uint8_t* row = base + kHeadBytes + rowbytes * static_cast<std::size_t>(y);
-        if (pixels == Pixels::Zeroed) {
-            std::memset(row, 0, pixelRow);
-        }
         std::memset(row + pixelRow, kMarker, rowbytes - pixelRow);
     }
     std::memset(base + kHeadBytes + rowbytes * static_cast<std::size_t>(height), kMarker,

@@ -417,7 +417,18 @@ void
 gaussOptimisedBlurCopyFromSegments(PF_InData* in_data, PF_LayerDef* source,
                                    PF_LayerDef* destination, SegmentArray* segments, int margin,
                                    int level, bool initWholeRows, bool skipSolidInteriors,
-                                   BFGarray* /*bfg*/, DividerArray* dividers) {
+                                   BFGarray* /*bfg*/, DividerArray* dividers,
+                                   const PF_LayerDef* original) {
+    // The second pass writes every pixel of source when every row is one whole segment, the
+    // rows fit the segment table, and no column of source lies beyond destination.
+    const bool secondPassCoversSource = initWholeRows && margin >= 0 && level >= 1 &&
+                                        level <= 8 && source->height <= kSegmentArrayRows &&
+                                        source->height <= destination->height &&
+                                        source->width <= destination->width;
+    if (original != nullptr && !secondPassCoversSource) {
+        copyWorldToWorld(original, source);
+        original = nullptr;
+    }
     if (level < 1 || level > 8) {
         copyWorldToWorld(source, destination);
         return;
@@ -444,7 +455,7 @@ gaussOptimisedBlurCopyFromSegments(PF_InData* in_data, PF_LayerDef* source,
     }
 
     ColumnSums sums;
-    PF_LayerDef* inputs[3] = {source, destination, source};
+    const PF_LayerDef* inputs[3] = {original != nullptr ? original : source, destination, source};
     PF_LayerDef* outputs[3] = {destination, source, destination};
     for (int p = 0; p < 3; ++p) {
         // The window side is 2r + 1 with r = (box - 1) / 2 + 1: two pixels wider than the box.

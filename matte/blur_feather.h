@@ -75,11 +75,15 @@ GaussBoxes boxesForGauss(PF_InData* in_data, float sigma, float n);
 // Order    pass 0 source->destination, pass 1 destination->source, pass 2 source->destination
 // Quirks   window side is two pixels wider than the box; windows shrink at the frame edge;
 //          level outside 1..8 copies the source whole; bfg is accepted and not used
+// With `original` given, the blur gives exactly what copying `original` (the same size as
+// source) into source first would give: when the second pass rewrites every pixel of source,
+// the first pass reads `original` directly and the copy is never made.
 void gaussOptimisedBlurCopyFromSegments(PF_InData* in_data, PF_LayerDef* source,
                                         PF_LayerDef* destination, SegmentArray* segments,
                                         int margin, int level, bool initWholeRows,
                                         bool skipSolidInteriors, BFGarray* bfg,
-                                        DividerArray* dividers);
+                                        DividerArray* dividers,
+                                        const PF_LayerDef* original = nullptr);
 
 // Whether the noise blur may take its AVX2 build on processors that have AVX2 (the default).
 // Both builds give the same results; turning it off lets the portable build be checked

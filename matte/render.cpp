@@ -420,10 +420,12 @@ Render(PF_InData* in_data, PF_OutData* out_data, PF_ParamDef* params[], PF_Layer
     if (s.footageIs == FOOTAGE_IS_EXCELLENT) {
         copyWorldToWorld(&workingInput, &alphaWorld);
     } else {
-        copyWorldToWorld(&workingInput, &classification);
+        // The blur of a copy of the working input in the scratch world, reading the working
+        // input itself.
         gaussOptimisedBlurCopyFromSegments(in_data, &classification, &alphaWorld,
                                            &container->segmentArray, 0, s.blurRadius, true, false,
-                                           &container->bfgArray, &container->dividerArray);
+                                           &container->bfgArray, &container->dividerArray,
+                                           &workingInput);
     }
     populateAndInitialise_FillLimitsFromIncomingAlpha(&alphaWorld, limits, s.solidThreshold);
 

@@ -184,6 +184,15 @@ expectBlurMatches(const OwnedWorld& start, const OwnedWorld& destination, const 
     ASSERT_TRUE(qtest::SameWorld(dstA, dstB));
     ASSERT_TRUE(qtest::SameWorld(srcA, srcB)) << "second pass left in the source";
     ASSERT_TRUE(dstB.paddingIntact() && srcB.paddingIntact());
+
+    // Blurring `start` through a source holding something else gives the same two worlds.
+    OwnedWorld srcC = destination, dstC = destination;
+    BlurTables c;
+    *c.segments = *tables.segments;
+    gaussOptimisedBlurCopyFromSegments(in.get(), srcC, dstC, c.segments.get(), margin, level,
+                                       initWholeRows, skip, &c.bfg, &c.dividers, start.get());
+    ASSERT_TRUE(qtest::SameWorld(dstA, dstC)) << "blurred from the original";
+    ASSERT_TRUE(qtest::SameWorld(srcA, srcC)) << "source when blurred from the original";
 }
 
 // Runs the plain and the fast feather on copies of the same worlds and compares both;
