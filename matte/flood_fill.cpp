@@ -155,8 +155,8 @@ isRegionLabel(unsigned short red) {
 // handled in scan order, so a zone written earlier can hide a later marker.
 void
 writeGuardZones(PF_LayerDef* redMask, int width, int height, int guardRadius) {
-    if (guardRadius < 0) {
-        return;  // an empty zone
+    if (guardRadius <= 0) {
+        return;  // an empty zone, or one of only the marker, which stays as it is
     }
     // A zone never reaches past the frame, so a larger radius changes nothing.
     const int reach = std::min(guardRadius, std::max(width, height));

@@ -501,7 +501,14 @@ Render(PF_InData* in_data, PF_OutData* out_data, PF_ParamDef* params[], PF_Layer
         }
     }
 
-    // 21, 22. The view.
+    // 21, 22. The view. The result for an 8-bit output is composed straight into it: the
+    // local 16-bit world would only be converted (step 23) and never read otherwise.
+    if (s.process == PROCESS_SHOW_RESULT && outputIs8Bit) {
+        PF_LayerDef output8 = frameView(output, width, height);
+        composeResultFromBluePlaneTo8(&output8, &workingInput, &alphaWorld, &redMask, limits,
+                                      width, height, s.growShrink);
+        return releaseRender(in_data, container);
+    }
     if (s.process == PROCESS_SHOW_RESULT || s.process == PROCESS_SHOW_ALPHA) {
         composeResultFromBluePlane(&target, &workingInput, &alphaWorld, &redMask, limits, width,
                                    height, s.growShrink);

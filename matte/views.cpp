@@ -48,37 +48,81 @@ softAlpha(A_u_short b, A_u_short a, int growShrink) {
 
 }  // namespace
 
+namespace {
+
+// Writes one composed pixel: as it is into a 16-bit row, converted into an 8-bit one.
+inline void
+put(PF_Pixel16* row, A_long x, const PF_Pixel16& p) {
+    row[x] = p;
+}
+
+inline void
+put(PF_Pixel* row, A_long x, const PF_Pixel16& p) {
+    row[x] = convertPix16To8WithMaxCheck(p);
+}
+
+inline PF_Pixel16*
+outputRow(PF_LayerDef* world, A_long y, PF_Pixel16*) {
+    return row16(world, y);
+}
+
+inline PF_Pixel*
+outputRow(PF_LayerDef* world, A_long y, PF_Pixel*) {
+    return row8(world, y);
+}
+
+template <typename OutPixel>
 void
-composeResultFromBluePlane(PF_LayerDef* output, PF_LayerDef* workingInput, PF_LayerDef* alphaWorld,
-                           PF_LayerDef* redMask, FillLimitsArray* limits, int width, int height,
-                           int growShrink) {
+composeRows(PF_LayerDef* output, PF_LayerDef* workingInput, PF_LayerDef* alphaWorld,
+            PF_LayerDef* redMask, FillLimitsArray* limits, int width, int height,
+            int growShrink) {
     for (A_long y = 0; y < height; ++y) {
         const PF_Pixel16* in = row16(workingInput, y);
         const PF_Pixel16* alpha = row16(alphaWorld, y);
         const PF_Pixel16* mask = row16(redMask, y);
-        PF_Pixel16* out = row16(output, y);
+        OutPixel* out = outputRow(output, y, static_cast<OutPixel*>(nullptr));
         const RowSpan span = insideSpan(limits, y);
         // Outside the limits the cleaned alpha as it is; inside, shaped by the blue plane.
         const A_long insideBegin = std::clamp<A_long>(span.left, 0, width);
         const A_long insideEnd = std::clamp<A_long>(span.right + 1, insideBegin, width);
         for (A_long x = 0; x < insideBegin; ++x) {
-            out[x] = PF_Pixel16{alpha[x].alpha, in[x].red, in[x].green, in[x].blue};
+            put(out, x, PF_Pixel16{alpha[x].alpha, in[x].red, in[x].green, in[x].blue});
         }
         if (growShrink >= 1) {
             for (A_long x = insideBegin; x < insideEnd; ++x) {
-                out[x] = PF_Pixel16{softAlpha(mask[x].blue, alpha[x].alpha, 1), in[x].red,
-                                    in[x].green, in[x].blue};
+                put(out, x,
+                    PF_Pixel16{softAlpha(mask[x].blue, alpha[x].alpha, 1), in[x].red, in[x].green,
+                               in[x].blue});
             }
         } else {
             for (A_long x = insideBegin; x < insideEnd; ++x) {
-                out[x] = PF_Pixel16{softAlpha(mask[x].blue, alpha[x].alpha, 0), in[x].red,
-                                    in[x].green, in[x].blue};
+                put(out, x,
+                    PF_Pixel16{softAlpha(mask[x].blue, alpha[x].alpha, 0), in[x].red, in[x].green,
+                               in[x].blue});
             }
         }
         for (A_long x = insideEnd; x < width; ++x) {
-            out[x] = PF_Pixel16{alpha[x].alpha, in[x].red, in[x].green, in[x].blue};
+            put(out, x, PF_Pixel16{alpha[x].alpha, in[x].red, in[x].green, in[x].blue});
         }
     }
+}
+
+}  // namespace
+
+void
+composeResultFromBluePlane(PF_LayerDef* output, PF_LayerDef* workingInput, PF_LayerDef* alphaWorld,
+                           PF_LayerDef* redMask, FillLimitsArray* limits, int width, int height,
+                           int growShrink) {
+    composeRows<PF_Pixel16>(output, workingInput, alphaWorld, redMask, limits, width, height,
+                            growShrink);
+}
+
+void
+composeResultFromBluePlaneTo8(PF_LayerDef* output8, PF_LayerDef* workingInput,
+                              PF_LayerDef* alphaWorld, PF_LayerDef* redMask,
+                              FillLimitsArray* limits, int width, int height, int growShrink) {
+    composeRows<PF_Pixel>(output8, workingInput, alphaWorld, redMask, limits, width, height,
+                          growShrink);
 }
 
 void

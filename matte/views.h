@@ -20,6 +20,12 @@ void composeResultFromBluePlane(PF_LayerDef* output, PF_LayerDef* workingInput,
                                 PF_LayerDef* alphaWorld, PF_LayerDef* redMask,
                                 FillLimitsArray* limits, int width, int height, int growShrink);
 
+// The composition written straight into an 8-bit world: each pixel as
+// composeResultFromBluePlane and then copy16To8BitWorld would leave it, in one sweep.
+void composeResultFromBluePlaneTo8(PF_LayerDef* output8, PF_LayerDef* workingInput,
+                                   PF_LayerDef* alphaWorld, PF_LayerDef* redMask,
+                                   FillLimitsArray* limits, int width, int height, int growShrink);
+
 // Turns a composed result into an opaque grey picture of its alpha.
 // Reads    output's alpha, limits
 // Writes   output: inside the limits (32768, α, α, α); outside opaque black

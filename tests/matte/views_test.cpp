@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include "image/pixels.h"
 #include "tests/support/worlds.h"
 
 using namespace qtest;
@@ -84,6 +85,19 @@ TEST(ResultComposition, MatchesThePerPixelRuleOnRandomWorlds) {
                     ASSERT_EQ(out.at(x, y).blue, p.blue);
                 }
             ASSERT_TRUE(out.paddingIntact());
+
+            // Straight into 8 bits: what the 16-bit composition converts to.
+            OwnedWorld converted(w, h, false), direct(w, h, false);
+            copy16To8BitWorld(out, converted);
+            composeResultFromBluePlaneTo8(direct, input, alpha, mask, &limits, w, h, grow);
+            for (int y = 0; y < h; ++y)
+                for (int x = 0; x < w; ++x) {
+                    const PF_Pixel a = converted.at8(x, y), b = direct.at8(x, y);
+                    ASSERT_TRUE(a.alpha == b.alpha && a.red == b.red && a.green == b.green &&
+                                a.blue == b.blue)
+                        << seed << " " << x << "," << y;
+                }
+            ASSERT_TRUE(direct.paddingIntact());
         }
     }
 }
