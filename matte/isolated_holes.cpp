@@ -75,10 +75,17 @@ applyRow(PF_LayerDef* matte, PF_LayerDef* scratch, A_long y, A_long left, A_long
     }
 }
 
-template <bool kSpecks>
+// Nothing to do when a matte row is final.
+struct NoRowStep {
+    void operator()(A_long) const {}
+};
+
+// The detection and apply sweep. rowFinal(y) is called for rows 0..lastFrameRow in order,
+// each as soon as its matte row holds its final values (rows outside the limits at once).
+template <bool kSpecks, typename RowFinal = NoRowStep>
 void
 sweep(PF_LayerDef* matte, PF_LayerDef* scratch, A_long rowBound, A_long width,
-      const FillLimitsArray& limits, A_u_short threshold) {
+      const FillLimitsArray& limits, A_u_short threshold, RowFinal rowFinal = {}) {
     const A_long lastColumn = width - 1;
     const A_long lastFrameRow = matte->height - 1;
     // The lower neighbour may not pass rowBound; the render passes the height there, so the
@@ -90,6 +97,9 @@ sweep(PF_LayerDef* matte, PF_LayerDef* scratch, A_long rowBound, A_long width,
 
     // Each row is applied only after the row below it has been decided, so every decision
     // still sees the matte as it was on entry.
+    for (A_long y = 0; y < std::min(top, lastFrameRow + 1); ++y) {
+        rowFinal(y);
+    }
     A_long pending = -1;
     for (A_long y = top; y <= bottom; ++y) {
         detectRow<kSpecks>(matte, scratch, y, std::max<A_long>(limits.left[y], 0),
@@ -97,12 +107,17 @@ sweep(PF_LayerDef* matte, PF_LayerDef* scratch, A_long rowBound, A_long width,
         if (pending >= 0) {
             applyRow(matte, scratch, pending, std::max<A_long>(limits.left[pending], 0),
                      std::min(limits.right[pending], lastColumn), newAlpha);
+            rowFinal(pending);
         }
         pending = y;
     }
     if (pending >= 0) {
         applyRow(matte, scratch, pending, std::max<A_long>(limits.left[pending], 0),
                  std::min(limits.right[pending], lastColumn), newAlpha);
+        rowFinal(pending);
+    }
+    for (A_long y = std::max(top, bottom + 1); y <= lastFrameRow; ++y) {
+        rowFinal(y);
     }
 }
 
@@ -116,5 +131,25 @@ killIsolatedHoles(PF_LayerDef* matte, PF_LayerDef* scratch, int /*lastColumn*/, 
         sweep<true>(matte, scratch, rowBound, width, *limits, threshold);
     } else {
         sweep<false>(matte, scratch, rowBound, width, *limits, threshold);
+    }
+}
+
+void
+killIsolatedSpecksThenCopyAlphaToRedMask(PF_LayerDef* matte, PF_LayerDef* redMask, int rowBound,
+                                         int width, FillLimitsArray* limits,
+                                         unsigned short threshold, unsigned short hiThreshold,
+                                         unsigned short loThreshold, int xMax, int yMax) {
+    // Row y's rewrite reads only matte row y and writes only red-mask row y, which holds no
+    // mark the sweep still needs once that row is final (its marks are applied and cleared).
+    sweep<true>(matte, redMask, rowBound, width, *limits, threshold, [&](A_long y) {
+        if (y <= yMax) {
+            clearToBlackThenCopyAlphaRowToRedInRedMask(redMask, matte, y, hiThreshold,
+                                                       loThreshold, xMax);
+        }
+    });
+    // Rows of the rewrite past the matte's own (never in a render) come last.
+    for (int y = std::max<int>(matte->height, 0); y <= yMax; ++y) {
+        clearToBlackThenCopyAlphaRowToRedInRedMask(redMask, matte, y, hiThreshold, loThreshold,
+                                                   xMax);
     }
 }

@@ -20,3 +20,14 @@ struct FillLimitsArray;
 void killIsolatedHoles(PF_LayerDef* matte, PF_LayerDef* scratch, int lastColumn, int rowBound,
                        int lastRow, int width, int halfWidth, bool removeSpecks,
                        FillLimitsArray* limits, unsigned short threshold);
+
+// killIsolatedHoles removing specks, with the red mask as its scratch world, followed by
+// clearToBlackThenCopyAlphaWorldToRedInRedMask(redMask, matte, ..., hiThreshold, loThreshold,
+// ..., xMax, yMax), in one sweep: each red-mask row is rewritten as soon as its matte row is
+// final, while both are still in the cache. The rewrite covers every pixel the marks touched,
+// so the result is that of the two calls in turn.
+void killIsolatedSpecksThenCopyAlphaToRedMask(PF_LayerDef* matte, PF_LayerDef* redMask,
+                                              int rowBound, int width, FillLimitsArray* limits,
+                                              unsigned short threshold,
+                                              unsigned short hiThreshold,
+                                              unsigned short loThreshold, int xMax, int yMax);

@@ -115,12 +115,20 @@ clearToBlackThenCopyAlphaWorldToRedInRedMask(PF_LayerDef* redMask, PF_LayerDef* 
                                              unsigned short hiThreshold, unsigned short loThreshold,
                                              FillLimitsArray* /*limits*/, int xMax, int yMax) {
     for (int y = 0; y <= yMax; ++y) {
-        const PF_Pixel16* alphaRow = row16(alphaWorld, y);
-        PF_Pixel16* maskRow = row16(redMask, y);
-        for (int x = 0; x <= xMax; ++x) {
-            const A_u_short a = alphaRow[x].alpha;
-            maskRow[x] = (loThreshold <= a && a < hiThreshold) ? kOpenClearedPixel : kBlackPixel;
-        }
+        clearToBlackThenCopyAlphaRowToRedInRedMask(redMask, alphaWorld, y, hiThreshold,
+                                                   loThreshold, xMax);
+    }
+}
+
+void
+clearToBlackThenCopyAlphaRowToRedInRedMask(PF_LayerDef* redMask, const PF_LayerDef* alphaWorld,
+                                           int y, unsigned short hiThreshold,
+                                           unsigned short loThreshold, int xMax) {
+    const PF_Pixel16* alphaRow = row16(alphaWorld, y);
+    PF_Pixel16* maskRow = row16(redMask, y);
+    for (int x = 0; x <= xMax; ++x) {
+        const A_u_short a = alphaRow[x].alpha;
+        maskRow[x] = (loThreshold <= a && a < hiThreshold) ? kOpenClearedPixel : kBlackPixel;
     }
 }
 

@@ -63,6 +63,11 @@ void clearToBlackThenCopyAlphaWorldToRedInRedMask(PF_LayerDef* redMask, PF_Layer
                                                   unsigned short loThreshold,
                                                   FillLimitsArray* limits, int xMax, int yMax);
 
+// Row y of clearToBlackThenCopyAlphaWorldToRedInRedMask (columns 0..xMax).
+void clearToBlackThenCopyAlphaRowToRedInRedMask(PF_LayerDef* redMask, const PF_LayerDef* alphaWorld,
+                                                int y, unsigned short hiThreshold,
+                                                unsigned short loThreshold, int xMax);
+
 // Rewrites the red mask as solid (alpha >= threshold) or open (alpha < threshold).
 // Reads    alphaWorld alpha for x 0..xMax, y 0..yMax (inclusive)
 // Writes   every pixel of redMask in that area, all four channels: (alpha 32768, red 32768,

@@ -435,10 +435,11 @@ Render(PF_InData* in_data, PF_OutData* out_data, PF_ParamDef* params[], PF_Layer
         // "Show color info "), in one sweep.
         preCleanAlphaRampAndCopyBack(&alphaWorld, &nextFrame, &classification, limits, width,
                                      height, colorInfoView);
-        killIsolatedHoles(&alphaWorld, &redMask, xMax, height, yMax, width, halfWidth, true,
-                          limits, s.solidThreshold);
-        clearToBlackThenCopyAlphaWorldToRedInRedMask(&redMask, &alphaWorld, &currentFrame,
-                                                     s.solidThreshold, 0, limits, xMax, yMax);
+        // Isolated specks, then the red mask rewritten from the alpha world (open below the
+        // solid threshold), in one sweep.
+        killIsolatedSpecksThenCopyAlphaToRedMask(&alphaWorld, &redMask, height, width, limits,
+                                                 s.solidThreshold, s.solidThreshold, 0, xMax,
+                                                 yMax);
         floodFillHolesLogInFillTagList(
             &alphaWorld, &redMask, xMax, height, yMax, width, halfWidth, &container->preCleanFillTags,
             0, s.preCleanSize, 0.0f, 0, 0, &container->whiteRange, 1.0f, 0, 0, &crossHairs,

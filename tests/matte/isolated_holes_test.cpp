@@ -6,6 +6,7 @@
 #include <array>
 
 #include "image/pixels.h"
+#include "matte/red_mask.h"
 #include "tests/support/stage_limits.h"
 #include "tests/support/worlds.h"
 
@@ -167,6 +168,23 @@ TEST(IsolatedHoles, matches_the_plain_sweeps_on_random_mattes) {
             ASSERT_TRUE(qtest::SameWorld(expected, actual)) << "seed " << seed;
             ASSERT_TRUE(qtest::SameWorld(expectedScratch, actualScratch)) << "seed " << seed;
             ASSERT_TRUE(actual.paddingIntact());
+
+            // Specks and the red-mask rewrite in one sweep: as the two calls in turn.
+            if (specks) {
+                const unsigned short lo = static_cast<unsigned short>(seed % 3 == 0 ? 0 : 100);
+                clearToBlackThenCopyAlphaWorldToRedInRedMask(expectedScratch, expected, nullptr,
+                                                             threshold, lo, limits.get(), w - 1,
+                                                             h - 1);
+                OwnedWorld fused = start;
+                OwnedWorld fusedMask = actualScratch;
+                fusedMask.fill({kIsolatedMark, 1, 2, 3});
+                killIsolatedSpecksThenCopyAlphaToRedMask(fused, fusedMask, rowBound, w,
+                                                         limits.get(), threshold, threshold, lo,
+                                                         w - 1, h - 1);
+                ASSERT_TRUE(qtest::SameWorld(expected, fused)) << "seed " << seed;
+                ASSERT_TRUE(qtest::SameWorld(expectedScratch, fusedMask)) << "seed " << seed;
+                ASSERT_TRUE(fusedMask.paddingIntact());
+            }
         }
     }
 }
