@@ -425,7 +425,9 @@ gaussOptimisedBlurCopyFromSegments(PF_InData* in_data, PF_LayerDef* source,
                                         level <= 8 && source->height <= kSegmentArrayRows &&
                                         source->height <= destination->height &&
                                         source->width <= destination->width;
-    if (original != nullptr && !secondPassCoversSource) {
+    // An original sharing the destination's pixels would be overwritten while pass 0 reads
+    // it; it is then copied first like any other.
+    if (original != nullptr && (!secondPassCoversSource || original->data == destination->data)) {
         copyWorldToWorld(original, source);
         original = nullptr;
     }

@@ -37,47 +37,120 @@ wordPixel(uint64_t w) {
 
 }  // namespace
 
-void
-populateAndInitialise_FillLimitsFromIncomingAlpha(PF_LayerDef* alphaWorld, FillLimitsArray* limits,
-                                                  unsigned short threshold) {
-    // All rows are cleared, not only the frame's: stages read any row up to lastRow.
-    std::fill(std::begin(limits->left), std::end(limits->left), 0);
-    std::fill(std::begin(limits->right), std::end(limits->right), 0);
+namespace {
 
-    const int width = alphaWorld->width;
-    // The render refuses taller frames; the clamp only keeps a stray call inside the table.
-    const int height = std::min<int>(alphaWorld->height, FILL_LIMITS_MAX_ROWS);
-    limits->firstRow = 0;
-    limits->lastRow = height - 1;
+// Builds limits row by row: rows handed over in order 0..height - 1.
+class LimitsBuilder {
+  public:
+    LimitsBuilder(const PF_LayerDef* alphaWorld, unsigned short threshold)
+        : width_(alphaWorld->width),
+          // The render refuses taller frames; the clamp only keeps a stray call inside the
+          // table.
+          height_(std::min<int>(alphaWorld->height, FILL_LIMITS_MAX_ROWS)),
+          level_(std::min(threshold, kPresenceLevelCap)),
+          firstRow_(0),
+          lastRow_(height_ - 1) {}
 
-    const unsigned short level = std::min(threshold, kPresenceLevelCap);
-    bool foundFirstRow = false;
-    for (int y = 0; y < height; ++y) {
-        const PF_Pixel16* row = row16(alphaWorld, y);
+    int height() const { return height_; }
+
+    // Row y's present columns into left[y] and right[y] (0 and 0 when none).
+    void row(FillLimitsArray* limits, int y, const PF_Pixel16* row) {
+        limits->left[y] = 0;
+        limits->right[y] = 0;
         // Only the first and the last present column matter: each is found by a walk from
         // its own end, so the middle of a row with content is never read.
         int left = 0;
-        while (left < width && row[left].alpha < level) {
+        while (left < width_ && row[left].alpha < level_) {
             ++left;
         }
-        if (left == width) {
-            continue;  // nothing present: left and right stay 0
+        if (left == width_) {
+            return;  // nothing present
         }
         limits->left[y] = left;
-        int lastPresent = width - 1;
-        while (lastPresent > left && row[lastPresent].alpha < level) {
+        int lastPresent = width_ - 1;
+        while (lastPresent > left && row[lastPresent].alpha < level_) {
             --lastPresent;
         }
         // A row present only at x = 0 keeps right = 0 and does not count as content.
         if (lastPresent > 0) {
             limits->right[y] = lastPresent;
-            if (!foundFirstRow) {
-                limits->firstRow = y;
-                foundFirstRow = true;
+            if (!foundFirstRow_) {
+                firstRow_ = y;
+                foundFirstRow_ = true;
             }
-            limits->lastRow = y;
+            lastRow_ = y;
         }
     }
+
+    // Clears the rows past the frame and sets the first and last row.
+    void finish(FillLimitsArray* limits) const {
+        // All rows are cleared, not only the frame's: stages read any row up to lastRow.
+        std::fill(std::begin(limits->left) + std::max(height_, 0), std::end(limits->left), 0);
+        std::fill(std::begin(limits->right) + std::max(height_, 0), std::end(limits->right), 0);
+        limits->firstRow = firstRow_;
+        limits->lastRow = lastRow_;
+    }
+
+  private:
+    int width_;
+    int height_;
+    unsigned short level_;
+    int firstRow_;
+    int lastRow_;
+    bool foundFirstRow_ = false;
+};
+
+// Row y of copyAlphaWorldToRedInRedMaskThresholdSolid.
+inline void
+copyAlphaRowToRedThresholdSolid(PF_Pixel16* maskRow, const PF_Pixel16* alphaRow,
+                                unsigned short threshold, int xMax) {
+    for (int x = 0; x <= xMax; ++x) {
+        // An alpha equal to the threshold is solid.
+        maskRow[x] = alphaRow[x].alpha < threshold ? kOpenWrittenPixel : kSolidWrittenPixel;
+    }
+}
+
+}  // namespace
+
+void
+populateAndInitialise_FillLimitsFromIncomingAlpha(PF_LayerDef* alphaWorld, FillLimitsArray* limits,
+                                                  unsigned short threshold) {
+    LimitsBuilder builder(alphaWorld, threshold);
+    for (int y = 0; y < builder.height(); ++y) {
+        builder.row(limits, y, row16(alphaWorld, y));
+    }
+    builder.finish(limits);
+}
+
+void
+clearRemovedBlobsThenRebuildLimitsAndRedMask(PF_LayerDef* alphaWorld, PF_LayerDef* redMask,
+                                             FillLimitsArray* limits,
+                                             unsigned short removedAlpha,
+                                             unsigned short threshold, int xMax, int yMax) {
+    // Every step of row y reads and writes only row y (the clearing reads the old limits of
+    // row y before they are rebuilt), so the rows can be taken one at a time.
+    const int oldFirst = limits->firstRow;
+    const int oldLast = limits->lastRow;
+    LimitsBuilder builder(alphaWorld, threshold);
+    const int rows = std::max({oldLast + 1, builder.height(), yMax + 1});
+    for (int y = 0; y < rows; ++y) {
+        PF_Pixel16* alpha = row16(alphaWorld, y);
+        if (y >= oldFirst && y <= oldLast) {
+            const PF_Pixel16* mask = row16(redMask, y);
+            for (int x = limits->left[y]; x <= limits->right[y]; ++x) {
+                if (mask[x].blue == kBlueRemovedBlob) {
+                    alpha[x].alpha = removedAlpha;
+                }
+            }
+        }
+        if (y < builder.height()) {
+            builder.row(limits, y, alpha);
+        }
+        if (y <= yMax) {
+            copyAlphaRowToRedThresholdSolid(row16(redMask, y), alpha, threshold, xMax);
+        }
+    }
+    builder.finish(limits);
 }
 
 void
@@ -137,12 +210,7 @@ copyAlphaWorldToRedInRedMaskThresholdSolid(PF_LayerDef* redMask, PF_LayerDef* al
                                            PF_LayerDef* /*sourceWorld*/, unsigned short threshold,
                                            FillLimitsArray* /*limits*/, int xMax, int yMax) {
     for (int y = 0; y <= yMax; ++y) {
-        const PF_Pixel16* alphaRow = row16(alphaWorld, y);
-        PF_Pixel16* maskRow = row16(redMask, y);
-        for (int x = 0; x <= xMax; ++x) {
-            // An alpha equal to the threshold is solid.
-            maskRow[x] = alphaRow[x].alpha < threshold ? kOpenWrittenPixel : kSolidWrittenPixel;
-        }
+        copyAlphaRowToRedThresholdSolid(row16(redMask, y), row16(alphaWorld, y), threshold, xMax);
     }
 }
 

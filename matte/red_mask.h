@@ -38,6 +38,16 @@ void populateAndInitialise_FillLimitsFromIncomingAlpha(PF_LayerDef* alphaWorld,
                                                        FillLimitsArray* limits,
                                                        unsigned short threshold);
 
+// The pre-clean's end and the main masks' start in one sweep: inside the limits as they are,
+// alpha-world pixels whose red-mask blue is kBlueRemovedBlob get alpha removedAlpha; then the
+// limits are rebuilt (populateAndInitialise_FillLimitsFromIncomingAlpha) and the red mask is
+// rewritten (copyAlphaWorldToRedInRedMaskThresholdSolid, columns 0..xMax, rows 0..yMax), both
+// with `threshold`. The result is that of the three steps in turn.
+void clearRemovedBlobsThenRebuildLimitsAndRedMask(PF_LayerDef* alphaWorld, PF_LayerDef* redMask,
+                                                  FillLimitsArray* limits,
+                                                  unsigned short removedAlpha,
+                                                  unsigned short threshold, int xMax, int yMax);
+
 // Copies the alpha channel for 0 <= x < width, 0 <= y < height.
 // Reads    from: alpha
 // Writes   to: alpha only; red, green and blue of `to` are untouched

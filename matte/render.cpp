@@ -240,23 +240,6 @@ preCleanAlphaRampAndCopyBack(PF_LayerDef* alphaWorld, PF_LayerDef* nextFrame,
     }
 }
 
-// Pixels of a blob the pre-clean fill removed lose their alpha (1 in "Show color info ", so
-// the view can show them).
-void
-clearPreCleanedBlobs(PF_LayerDef* alphaWorld, PF_LayerDef* redMask, const FillLimitsArray* limits,
-                     A_u_short removedAlpha)
-{
-    for (A_long y = limits->firstRow; y <= limits->lastRow; ++y) {
-        PF_Pixel16* alpha = row16(alphaWorld, y);
-        const PF_Pixel16* mask = row16(redMask, y);
-        for (A_long x = limits->left[y]; x <= limits->right[y]; ++x) {
-            if (mask[x].blue == kBlueRemovedBlob) {
-                alpha[x].alpha = removedAlpha;
-            }
-        }
-    }
-}
-
 void
 copyWorldTo8Or16(PF_LayerDef* source16, PF_LayerDef* output, bool outputIs8Bit)
 {
@@ -340,14 +323,15 @@ Render(PF_InData* in_data, PF_OutData* out_data, PF_ParamDef* params[], PF_Layer
     const A_long scale = scaleFromDownsampling(in_data);
     const RenderSettings s = readSettings(params, scale, height);
 
-    // 7. Frame set: previous, current and next frame. The render reads the current frame,
-    // and the next one only for the pre-clean; the others are made and checked out but not
-    // copied.
+    // 7. Frame set: previous, current and next frame. Only the next frame's pixels are ever
+    // read, and only by the pre-clean: the stages handed the current frame do not look at it,
+    // and in Premiere its world becomes the alpha world, which step 12 overwrites whole before
+    // anything reads it. Every frame is made and checked out; only those read are copied.
     PF_LayerDef frames[kFrameSlots];
     PF_LayerDef* framePointers[kFrameSlots] = {};
     err = populate_FrameArrayFramesNoMatterWhat(frames, framePointers, &workingInputWorld, in_data,
                                                 list, width, widthFactor, height, outputIs8Bit, 1,
-                                                1, 0, s.preCleanSize >= 1 ? 1 : 0);
+                                                1, -1, s.preCleanSize >= 1 ? 1 : -1);
     if (err || framePointers[kFrameSlotNext] == nullptr ||
         framePointers[kFrameSlotCurrent] == nullptr) {
         return PF_Err_INTERNAL_STRUCT_DAMAGED;
@@ -445,15 +429,21 @@ Render(PF_InData* in_data, PF_OutData* out_data, PF_ParamDef* params[], PF_Layer
             0, s.preCleanSize, 0.0f, 0, 0, &container->whiteRange, 1.0f, 0, 0, &crossHairs,
             &container->preCleanSeeds, true, true, true, false, limits, FOUND_ANYWHERE,
             s.solidThreshold, false, false, s.edgeDistance, s.scale, false);
-        clearPreCleanedBlobs(&alphaWorld, &redMask, limits,
-                             colorInfoView ? kAlphaPreCleaned : 0);
     }
 
-    // 14. Main masks.
-    populateAndInitialise_FillLimitsFromIncomingAlpha(&alphaWorld, limits, s.solidThreshold);
+    // 14. Main masks: the limits from the alpha world, widened, and the red mask from it.
+    // After a pre-clean, the pixels of the blobs it removed first lose their alpha (1 in
+    // "Show color info ", so the view can show them), in the same sweep.
+    if (s.preCleanSize >= 1) {
+        clearRemovedBlobsThenRebuildLimitsAndRedMask(&alphaWorld, &redMask, limits,
+                                                     colorInfoView ? kAlphaPreCleaned : 0,
+                                                     s.solidThreshold, xMax, yMax);
+    } else {
+        populateAndInitialise_FillLimitsFromIncomingAlpha(&alphaWorld, limits, s.solidThreshold);
+        copyAlphaWorldToRedInRedMaskThresholdSolid(&redMask, &alphaWorld, &currentFrame,
+                                                   s.solidThreshold, limits, xMax, yMax);
+    }
     growShrink_FillLimitsArrayIfRequiredByGrowShrink(width, height, s.limitMargin, limits, true);
-    copyAlphaWorldToRedInRedMaskThresholdSolid(&redMask, &alphaWorld, &currentFrame,
-                                               s.solidThreshold, limits, xMax, yMax);
 
     const bool noFurtherProcessing = s.furtherProcessing == FURTHER_PROCESSING_NO;
 

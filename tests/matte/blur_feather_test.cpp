@@ -193,6 +193,20 @@ expectBlurMatches(const OwnedWorld& start, const OwnedWorld& destination, const 
                                        initWholeRows, skip, &c.bfg, &c.dividers, start.get());
     ASSERT_TRUE(qtest::SameWorld(dstA, dstC)) << "blurred from the original";
     ASSERT_TRUE(qtest::SameWorld(srcA, srcC)) << "source when blurred from the original";
+
+    // An original that is the destination itself.
+    OwnedWorld srcD = destination, dstD = start;
+    BlurTables d;
+    *d.segments = *tables.segments;
+    gaussOptimisedBlurCopyFromSegments(in.get(), srcD, dstD, d.segments.get(), margin, level,
+                                       initWholeRows, skip, &d.bfg, &d.dividers, dstD.get());
+    OwnedWorld srcE = start, dstE = start;
+    BlurTables e;
+    *e.segments = *tables.segments;
+    gaussOptimisedBlurCopyFromSegments(in.get(), srcE, dstE, e.segments.get(), margin, level,
+                                       initWholeRows, skip, &e.bfg, &e.dividers);
+    ASSERT_TRUE(qtest::SameWorld(dstE, dstD)) << "blurred from the destination itself";
+    ASSERT_TRUE(qtest::SameWorld(srcE, srcD)) << "source when blurred from the destination";
 }
 
 // Runs the plain and the fast feather on copies of the same worlds and compares both;

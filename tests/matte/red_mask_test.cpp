@@ -6,6 +6,8 @@
 
 #include <gtest/gtest.h>
 
+#include "matte/markers.h"
+#include "tests/support/stage_limits.h"
 #include "tests/support/worlds.h"
 
 using qtest::fromArt;
@@ -138,6 +140,45 @@ TEST(FillLimits, matches_the_whole_row_scan_on_random_sparse_mattes) {
         literalLimits(alpha, expected.get(), threshold);
         auto actual = staleLimits();
         populateAndInitialise_FillLimitsFromIncomingAlpha(alpha, actual.get(), threshold);
+        ASSERT_EQ(actual->firstRow, expected->firstRow) << seed;
+        ASSERT_EQ(actual->lastRow, expected->lastRow) << seed;
+        for (int y = 0; y < FILL_LIMITS_MAX_ROWS; ++y) {
+            ASSERT_EQ(actual->left[y], expected->left[y]) << seed << " row " << y;
+            ASSERT_EQ(actual->right[y], expected->right[y]) << seed << " row " << y;
+        }
+    }
+}
+
+TEST(FillLimits, rebuilt_with_the_red_mask_after_clearing_removed_blobs_as_in_three_steps) {
+    for (uint32_t seed = 1; seed <= 40; ++seed) {
+        std::mt19937 rng(seed);
+        const int w = 1 + static_cast<int>(rng() % 40), h = 1 + static_cast<int>(rng() % 12);
+        const auto any = [](std::mt19937& g, qtest::Channel c) {
+            const uint32_t r = g() % 4;
+            if (c == qtest::kBlue) return static_cast<uint16_t>(r == 0 ? kBlueRemovedBlob : g());
+            return static_cast<uint16_t>(r == 0 ? 0 : r == 1 ? g() % 20 : g() % 32769);
+        };
+        const OwnedWorld alphaStart = qtest::randomWorld(w, h, seed, any);
+        const OwnedWorld maskStart = qtest::randomWorld(w, h, seed + 50, any);
+        const auto oldLimits = qtest::randomLimits(w, h, seed + 7);
+        const uint16_t threshold = static_cast<uint16_t>(rng() % 40);
+        const uint16_t removed = seed % 2 == 0 ? 0 : 1;
+
+        OwnedWorld alphaA = alphaStart, maskA = maskStart;
+        auto expected = std::make_unique<FillLimitsArray>(*oldLimits);
+        for (int y = expected->firstRow; y <= expected->lastRow; ++y)
+            for (int x = expected->left[y]; x <= expected->right[y]; ++x)
+                if (maskA.at(x, y).blue == kBlueRemovedBlob) alphaA.at(x, y).alpha = removed;
+        populateAndInitialise_FillLimitsFromIncomingAlpha(alphaA, expected.get(), threshold);
+        copyAlphaWorldToRedInRedMaskThresholdSolid(maskA, alphaA, nullptr, threshold,
+                                                   expected.get(), w - 1, h - 1);
+
+        OwnedWorld alphaB = alphaStart, maskB = maskStart;
+        auto actual = std::make_unique<FillLimitsArray>(*oldLimits);
+        clearRemovedBlobsThenRebuildLimitsAndRedMask(alphaB, maskB, actual.get(), removed,
+                                                     threshold, w - 1, h - 1);
+        ASSERT_TRUE(qtest::SameWorld(alphaA, alphaB)) << seed;
+        ASSERT_TRUE(qtest::SameWorld(maskA, maskB)) << seed;
         ASSERT_EQ(actual->firstRow, expected->firstRow) << seed;
         ASSERT_EQ(actual->lastRow, expected->lastRow) << seed;
         for (int y = 0; y < FILL_LIMITS_MAX_ROWS; ++y) {
