@@ -35,8 +35,8 @@ readChannels(const std::string& path, int channels, int* width, int* height)
         ADD_FAILURE() << "cannot read " << path << ": " << buf.geterror();
         return {};
     }
-    *width = buf.spec().width;
-    *height = buf.spec().height;
+    *width = buf.roi().width();
+    *height = buf.roi().height();
     std::vector<uint8_t> out(static_cast<size_t>(*width) * *height * channels);
     buf.get_pixels(OIIO::ROI(0, *width, 0, *height, 0, 1, 0, channels), OIIO::TypeDesc::UINT8,
                    out.data());
