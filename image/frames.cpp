@@ -181,12 +181,13 @@ populate_FrameArrayFramesNoMatterWhat(PF_LayerDef* frames, PF_LayerDef** framePo
             const bool source8Bit =
                 isPremierePro(in_data) ? outputIs8Bit : !PF_WORLD_IS_DEEP(checkedOut);
             const PF_LayerDef source = clippedToFrame(checkedOut, width, height);
-            if (offset < -readBefore || offset > readAfter) {
-                // Never read: the world stays as made.
-            } else if (source8Bit) {
-                copy8To16BitWorld(&source, storage);
-            } else {
-                copyWorldToWorld(&source, storage);
+            // A frame nobody reads keeps the world as it was made.
+            if (offset >= -readBefore && offset <= readAfter) {
+                if (source8Bit) {
+                    copy8To16BitWorld(&source, storage);
+                } else {
+                    copyWorldToWorld(&source, storage);
+                }
             }
             framePointers[slot] = storage;
         }
