@@ -21,27 +21,28 @@ constexpr PF_Pixel16 kExtended{32768, 0, 24576, 0};
 // The literal smart extend: every count walks its clamped square.
 void
 plainSmartExtend(OwnedWorld& cls, OwnedWorld& mask, const FillLimitsArray& limits, int se) {
-    const int xMax = cls.width() - 1, yMax = cls.height() - 1;
-    const int n = se * se * 3;
-    for (int y = limits.firstRow; y <= limits.lastRow; ++y)
+    auto square = [&](int x, int y, auto f) {
+        for (int qy = std::max(0, y - se); qy <= std::min(cls.height() - 1, y + se); ++qy)
+            for (int qx = std::max(0, x - se); qx <= std::min(cls.width() - 1, x + se); ++qx)
+                f(qx, qy);
+    };
+    for (int y = limits.firstRow; y <= limits.lastRow; ++y) {
         for (int x = limits.left[y]; x <= limits.right[y]; ++x) {
             if (cls.at(x, y).green == 16384) {
-                for (int qy = std::max(0, y - se); qy <= std::min(yMax, y + se); ++qy)
-                    for (int qx = std::max(0, x - se); qx <= std::min(xMax, x + se); ++qx) {
-                        PF_Pixel16& q = cls.at(qx, qy);
-                        if (q.alpha != 32768 || q.blue != 32768) continue;
-                        int count = 0;
-                        for (int ry = std::max(0, qy - se); ry <= std::min(yMax, qy + se); ++ry)
-                            for (int rx = std::max(0, qx - se); rx <= std::min(xMax, qx + se); ++rx)
-                                count += cls.at(rx, ry).blue == 32768;
-                        mask.at(qx, qy) = count < n ? kExtended : q;
-                        q.alpha = 32767;
-                    }
+                square(x, y, [&](int qx, int qy) {
+                    PF_Pixel16& q = cls.at(qx, qy);
+                    if (q.alpha != 32768 || q.blue != 32768) return;
+                    int count = 0;
+                    square(qx, qy, [&](int rx, int ry) { count += cls.at(rx, ry).blue == 32768; });
+                    mask.at(qx, qy) = count < se * se * 3 ? kExtended : q;
+                    q.alpha = 32767;
+                });
                 mask.at(x, y) = kFilled;
             } else if (cls.at(x, y).alpha == 32768) {
                 mask.at(x, y) = cls.at(x, y);
             }
         }
+    }
 }
 
 // The literal classification: clear the whole world, then sort each pixel within the limits.
@@ -49,7 +50,7 @@ void
 plainClassify(OwnedWorld& cls, const OwnedWorld& mask, OwnedWorld& alpha,
               const FillLimitsArray& limits, bool no, bool info, float tolerance, uint16_t edge) {
     cls.fill({0, 0, 0, 0});
-    for (int y = limits.firstRow; y <= limits.lastRow; ++y)
+    for (int y = limits.firstRow; y <= limits.lastRow; ++y) {
         for (int x = limits.left[y]; x <= limits.right[y]; ++x) {
             const PF_Pixel16 m = mask.at(x, y);
             PF_Pixel16& c = cls.at(x, y);
@@ -64,11 +65,12 @@ plainClassify(OwnedWorld& cls, const OwnedWorld& mask, OwnedWorld& alpha,
                 c = info ? PF_Pixel16{32768, 0, 8192, 0} : kSolid;
             }
         }
+    }
 }
 
 }  // namespace
 
-TEST(Classification, MatchesTheLiteralVersionOnRandomMasks) {
+TEST(Classification, matches_the_literal_version_on_random_masks) {
     // Few distinct values, so every rule fires; limits with empty and partial rows.
     const auto pick = [](std::mt19937& r, Channel) {
         static constexpr uint16_t kValues[] = {0, 0, 32768, 32768, 20000, 1, 5};
@@ -77,41 +79,30 @@ TEST(Classification, MatchesTheLiteralVersionOnRandomMasks) {
     for (uint32_t seed = 1; seed <= 24; ++seed) {
         std::mt19937 rng(seed);
         const int w = 2 + static_cast<int>(rng() % 30), h = 1 + static_cast<int>(rng() % 9);
-        const OwnedWorld mask = randomWorld(w, h, seed, pick);
-        const OwnedWorld alpha = randomWorld(w, h, seed + 50, pick);
-        FillLimitsArray limits{};
-        limits.firstRow = static_cast<int>(rng() % h);
-        limits.lastRow = std::min(h - 1, limits.firstRow + static_cast<int>(rng() % h));
-        for (int y = 0; y < h; ++y) {
-            limits.left[y] = static_cast<int>(rng() % w);
-            limits.right[y] = static_cast<int>(rng() % w);  // sometimes left of left: empty
-        }
+        const OwnedWorld mask = randomWorld(w, h, seed, pick),
+                         alpha = randomWorld(w, h, seed + 50, pick);
+        auto limits = randomLimits(w, h, seed);
         const bool no = seed % 5 == 0, info = seed % 3 == 0;
         const float tolerance = seed % 2 == 0 ? 10.0f : 0.0f;
         const uint16_t edge = seed % 4 == 0 ? 1 : 20000;
-
         OwnedWorld expectCls = randomWorld(w, h, seed + 9, pick), expectAlpha(alpha);
         OwnedWorld cls(expectCls), actualAlpha(alpha), maskCopy(mask);
-        plainClassify(expectCls, mask, expectAlpha, limits, no, info, tolerance, edge);
-        classifyRedMask(cls, maskCopy, actualAlpha, &limits, no, info, tolerance, edge);
+        plainClassify(expectCls, mask, expectAlpha, *limits, no, info, tolerance, edge);
+        classifyRedMask(cls, maskCopy, actualAlpha, limits.get(), no, info, tolerance, edge);
         ASSERT_TRUE(SameWorld(expectCls, cls)) << seed;
         ASSERT_TRUE(SameWorld(expectAlpha, actualAlpha)) << seed;
         ASSERT_TRUE(cls.paddingIntact());
     }
 }
 
-TEST(SmartExtend, ThinSolidNextToARemovalGoesWithItThickStays) {
-    // A filled region at the left, a one-pixel solid line leaving it, and a thick solid block.
-    OwnedWorld cls(12, 9);
+TEST(SmartExtend,
+     thin_solid_next_to_a_removal_goes_with_it_thick_stays_and_matches_the_literal_walk) {
+    // A filled band at the left, a one-pixel solid line leaving it, and a thick solid block.
+    OwnedWorld cls(12, 9), mask(12, 9), scratch(12, 9);
     for (int y = 0; y < 9; ++y)
-        for (int x = 0; x < 3; ++x) cls.at(x, y) = kFilled;
-    for (int x = 3; x < 6; ++x) cls.at(x, 1) = kSolid;  // thin line
-    for (int y = 4; y < 9; ++y)
-        for (int x = 3; x < 12; ++x) cls.at(x, y) = kSolid;  // thick block
-    OwnedWorld mask(12, 9);
-    OwnedWorld scratch(12, 9);
-    smartExtendRemovals(cls, mask, scratch, qtest::wholeFrameLimits(12, 9).get(), 12, 9, 2);
-
+        for (int x = 0; x < 12; ++x)
+            if (x < 3 || y == 1 && x < 6 || y >= 4) cls.at(x, y) = x < 3 ? kFilled : kSolid;
+    smartExtendRemovals(cls, mask, scratch, wholeFrameLimits(12, 9).get(), 12, 9, 2);
     EXPECT_EQ(mask.at(3, 1).green, 24576);  // thin: extended
     EXPECT_EQ(mask.at(4, 1).green, 24576);
     EXPECT_EQ(mask.at(5, 1).green, 0);  // out of reach: keeps its own class
@@ -120,32 +111,23 @@ TEST(SmartExtend, ThinSolidNextToARemovalGoesWithItThickStays) {
     EXPECT_EQ(mask.at(0, 0).green, 16384);
     EXPECT_EQ(cls.at(3, 1).alpha, 32767);  // visited
     EXPECT_EQ(cls.at(5, 1).alpha, 32768);
-}
 
-TEST(SmartExtend, MatchesTheLiteralVersionOnRandomClasses) {
     for (uint32_t seed = 1; seed <= 12; ++seed) {
         std::mt19937 rng(seed);
-        const int width = 9 + static_cast<int>(rng() % 30);
-        const int height = 7 + static_cast<int>(rng() % 25);
+        const int width = 9 + static_cast<int>(rng() % 30),
+                  height = 7 + static_cast<int>(rng() % 25);
         const int se = static_cast<int>(rng() % 6);
-        OwnedWorld cls(width, height);
+        OwnedWorld classes(width, height), scratch2(width, height);
         const PF_Pixel16 kinds[] = {{0, 0, 0, 0}, kSolid, kSolid, kFilled, {32768, 32768, 0, 0}};
         for (int y = 0; y < height; ++y)
-            for (int x = 0; x < width; ++x) cls.at(x, y) = kinds[rng() % 5];
-        OwnedWorld mask = randomWorld(
+            for (int x = 0; x < width; ++x) classes.at(x, y) = kinds[rng() % 5];
+        OwnedWorld extended = randomWorld(
             width, height, seed, [](std::mt19937& r, Channel) { return uint16_t(r() % 40000); });
-        FillLimitsArray limits{};
-        limits.firstRow = static_cast<int>(rng() % 3);
-        limits.lastRow = height - 1 - static_cast<int>(rng() % 3);
-        for (int y = 0; y < height; ++y) {
-            limits.left[y] = static_cast<int>(rng() % (width / 2));
-            limits.right[y] = width / 2 + static_cast<int>(rng() % (width / 2));
-        }
-        OwnedWorld expectedCls = cls, expectedMask = mask;
-        plainSmartExtend(expectedCls, expectedMask, limits, se);
-        OwnedWorld scratch(width, height);
-        smartExtendRemovals(cls, mask, scratch, &limits, width, height, se);
-        ASSERT_TRUE(SameWorld(expectedMask, mask)) << "seed " << seed << " se " << se;
-        ASSERT_TRUE(SameWorld(expectedCls, cls)) << "seed " << seed;
+        auto limits = randomLimits(width, height, seed + 40);
+        OwnedWorld expectedCls = classes, expectedMask = extended;
+        plainSmartExtend(expectedCls, expectedMask, *limits, se);
+        smartExtendRemovals(classes, extended, scratch2, limits.get(), width, height, se);
+        ASSERT_TRUE(SameWorld(expectedMask, extended)) << "seed " << seed << " se " << se;
+        ASSERT_TRUE(SameWorld(expectedCls, classes)) << "seed " << seed;
     }
 }

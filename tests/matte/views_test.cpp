@@ -1,49 +1,19 @@
 #include "matte/views.h"
 
 #include <algorithm>
+#include <cstring>
 #include <random>
 
 #include <gtest/gtest.h>
 
 #include "image/pixels.h"
+#include "tests/support/stage_limits.h"
 #include "tests/support/worlds.h"
 
 using namespace qtest;
 
-namespace {
-
-FillLimitsArray
-columnsOf(int height, int left, int right) {
-    FillLimitsArray limits{};
-    limits.firstRow = 0;
-    limits.lastRow = height - 1;
-    for (int y = 0; y < height; ++y) {
-        limits.left[y] = left;
-        limits.right[y] = right;
-    }
-    return limits;
-}
-
-}  // namespace
-
-TEST(ResultComposition, GreyViewShowsTheResultAlphaInsideTheLimitsAndBlackOutside) {
-    // The composition itself is pinned by the per-pixel rule on random worlds below.
-    OwnedWorld input(5, 1), alpha(5, 1), mask(5, 1), out(5, 1);
-    input.fill({111, 1000, 2000, 3000});
-    alpha.fill({10000, 0, 0, 0});
-    mask.fill({0, 0, 0, 16384});
-    FillLimitsArray limits = columnsOf(1, 0, 3);  // column 4 lies outside
-    composeResultFromBluePlane(out, input, alpha, mask, &limits, 5, 1, 0);
-    EXPECT_EQ(out.at(2, 0).alpha, 2500);  // 10000 · ½ · ½: the squared fall-off
-    showAlphaAsGrey(out, &limits, 5, 1);
-    EXPECT_EQ(out.at(2, 0).red, 2500);
-    EXPECT_EQ(out.at(2, 0).alpha, 32768);
-    EXPECT_EQ(out.at(4, 0).alpha, 32768);  // outside: opaque black
-    EXPECT_EQ(out.at(4, 0).red, 0);
-    EXPECT_TRUE(out.paddingIntact());
-}
-
-TEST(ResultComposition, MatchesThePerPixelRuleOnRandomWorlds) {
+TEST(ResultComposition,
+     squares_the_fall_off_unless_grown_and_converts_to_8_bits_as_it_would_on_random_worlds) {
     const auto any = [](std::mt19937& r, Channel) {
         static constexpr uint16_t kValues[] = {0, 32768, 16384, 1, 30000};
         return r() % 2 ? kValues[r() % 5] : static_cast<uint16_t>(r() % 32769);
@@ -53,69 +23,62 @@ TEST(ResultComposition, MatchesThePerPixelRuleOnRandomWorlds) {
         const int w = 1 + static_cast<int>(rng() % 25), h = 1 + static_cast<int>(rng() % 6);
         OwnedWorld input = randomWorld(w, h, seed, any), alpha = randomWorld(w, h, seed + 1, any);
         OwnedWorld mask = randomWorld(w, h, seed + 2, any);
-        FillLimitsArray limits{};
-        limits.firstRow = static_cast<int>(rng() % h);
-        limits.lastRow = static_cast<int>(rng() % h);
-        for (int y = 0; y < h; ++y) {
-            limits.left[y] = static_cast<int>(rng() % w);
-            limits.right[y] = static_cast<int>(rng() % w);
-        }
+        auto limits = randomLimits(w, h, seed);
         for (int grow : {0, 1, -2, 5}) {
-            OwnedWorld out(w, h);
-            composeResultFromBluePlane(out, input, alpha, mask, &limits, w, h, grow);
-            for (int y = 0; y < h; ++y)
+            OwnedWorld out(w, h), expected = input, converted(w, h, false), direct(w, h, false);
+            composeResultFromBluePlane(out, input, alpha, mask, limits.get(), w, h, grow);
+            for (int y = 0; y < h; ++y) {
                 for (int x = 0; x < w; ++x) {
-                    const bool inside = y >= limits.firstRow && y <= limits.lastRow &&
-                                        x >= limits.left[y] && x <= limits.right[y];
                     const uint16_t a = alpha.at(x, y).alpha, b = mask.at(x, y).blue;
-                    uint16_t expected = a;
-                    if (inside && grow >= 1) {
-                        expected = b == 32768 ? 32768 : b == 0 ? 0 : std::max(b, a);
-                    } else if (inside) {
-                        const float f = static_cast<float>(b) / 32768.0f;
-                        expected = b == 32768 ? a
-                                   : b == 0   ? 0
-                                              : static_cast<uint16_t>(
-                                                  static_cast<int>(f * static_cast<float>(a) * f));
+                    const float f = static_cast<float>(b) / 32768.0f;
+                    const bool inside = y >= limits->firstRow && y <= limits->lastRow &&
+                                        x >= limits->left[y] && x <= limits->right[y];
+                    uint16_t e = a;
+                    if (inside && b == 0) {
+                        e = 0;
+                    } else if (inside && b == 32768) {
+                        e = grow >= 1 ? 32768 : a;
+                    } else if (inside) {  // the matte applied twice unless grown
+                        e = grow >= 1 ? std::max(b, a)
+                                      : uint16_t(int(f * static_cast<float>(a) * f));
                     }
-                    const PF_Pixel16 p = input.at(x, y);
-                    ASSERT_EQ(out.at(x, y).alpha, expected) << seed << " " << x << "," << y;
-                    ASSERT_EQ(out.at(x, y).red, p.red);
-                    ASSERT_EQ(out.at(x, y).green, p.green);
-                    ASSERT_EQ(out.at(x, y).blue, p.blue);
+                    expected.at(x, y).alpha = e;
                 }
+            }
+            ASSERT_TRUE(SameWorld(expected, out)) << seed << " grow " << grow;
             ASSERT_TRUE(out.paddingIntact());
 
             // Straight into 8 bits: what the 16-bit composition converts to.
-            OwnedWorld converted(w, h, false), direct(w, h, false);
             copy16To8BitWorld(out, converted);
-            composeResultFromBluePlaneTo8(direct, input, alpha, mask, &limits, w, h, grow);
+            composeResultFromBluePlaneTo8(direct, input, alpha, mask, limits.get(), w, h, grow);
             for (int y = 0; y < h; ++y)
-                for (int x = 0; x < w; ++x) {
-                    const PF_Pixel a = converted.at8(x, y), b = direct.at8(x, y);
-                    ASSERT_TRUE(a.alpha == b.alpha && a.red == b.red && a.green == b.green &&
-                                a.blue == b.blue)
+                for (int x = 0; x < w; ++x)
+                    ASSERT_EQ(0, std::memcmp(&converted.at8(x, y), &direct.at8(x, y), 4))
                         << seed << " " << x << "," << y;
-                }
             ASSERT_TRUE(direct.paddingIntact());
         }
     }
 }
 
-TEST(ColorInfoView, FirstMatchingRuleColoursEachPixel) {
-    OwnedWorld alpha(5, 1);
-    alpha.fill({32768, 100, 200, 300});
-    alpha.at(0, 0).alpha = 1;
-    alpha.at(3, 0).alpha = 0;
-    OwnedWorld mask(5, 1);
-    mask.at(0, 0).green = 16384;  // alpha 1 wins over the region code
-    mask.at(1, 0).green = 24576;
-    mask.at(2, 0).green = 8192;
-    OwnedWorld input(5, 1);
-    input.fill({1000, 1000, 1500, 3000});
+TEST(GreyView, shows_the_result_alpha_inside_the_limits_and_opaque_black_outside) {
     OwnedWorld out(5, 1);
-    showColorInfo(alpha, mask, input, out, 5, 1);
+    out.fill({2500, 1000, 2000, 3000});
+    auto limits = boxLimits(0, 0, 3, 0);  // column 4 lies outside
+    showAlphaAsGrey(out, limits.get(), 5, 1);
+    EXPECT_EQ(toNumbers(out, kRed), "2500 2500 2500 2500 0\n");
+    EXPECT_EQ(toNumbers(out, kBlue), "2500 2500 2500 2500 0\n");
+    EXPECT_EQ(toNumbers(out, kAlpha), "32768 32768 32768 32768 32768\n");
+    EXPECT_TRUE(out.paddingIntact());
+}
 
+TEST(ColorInfoView, first_matching_rule_colours_each_pixel) {
+    OwnedWorld alpha(5, 1), mask(5, 1), input(5, 1), out(5, 1);
+    alpha.fill({32768, 100, 200, 300});
+    alpha.at(0, 0).alpha = 1, alpha.at(3, 0).alpha = 0;
+    mask.at(0, 0).green = 16384;  // alpha 1 wins over the region code
+    mask.at(1, 0).green = 24576, mask.at(2, 0).green = 8192;
+    input.fill({1000, 1000, 1500, 3000});
+    showColorInfo(alpha, mask, input, out, 5, 1);
     EXPECT_EQ(out.at(0, 0).red, 32000);
     EXPECT_EQ(out.at(0, 0).blue, 20000);
     EXPECT_EQ(out.at(1, 0).red, 16000);
@@ -127,7 +90,7 @@ TEST(ColorInfoView, FirstMatchingRuleColoursEachPixel) {
     EXPECT_EQ(out.at(4, 0).alpha, 32768);
     EXPECT_EQ(out.at(4, 0).green, 200);
 
-    // An 8-bit input is read at its 16-bit equivalents.
+    // An 8-bit input is read at its 16-bit equivalents; its alpha 0 means nothing removed.
     OwnedWorld input8(5, 1, false);
     input8.at8(3, 0) = {10, 1, 1, 20};
     alpha.fill({0, 0, 0, 0});
@@ -135,24 +98,26 @@ TEST(ColorInfoView, FirstMatchingRuleColoursEachPixel) {
     showColorInfo(alpha, mask, input8, out, 5, 1);
     EXPECT_EQ(out.at(3, 0).green, 512);         // 2 · (128 + 128)
     EXPECT_EQ(out.at(3, 0).blue, 2560 + 2560);  // 20·128 + 2·(10·128)
-    EXPECT_EQ(out.at(4, 0).alpha, 32768);       // input alpha 0: nothing removed
+    EXPECT_EQ(out.at(4, 0).alpha, 32768);
+
+    // An input smaller than the frame, or none, counts as transparent beyond its edge.
+    OwnedWorld small(2, 1), wide(4, 2);
+    small.fill({1000, 0, 0, 0});
+    showColorInfo(OwnedWorld(4, 2), OwnedWorld(4, 2), small, wide, 4, 2);
+    EXPECT_EQ(toNumbers(wide, kBlue), "2000 2000 0 0\n0 0 0 0\n");
+    PF_LayerDef none{};
+    showColorInfo(OwnedWorld(4, 2), OwnedWorld(4, 2), &none, wide, 4, 2);
+    EXPECT_EQ(toNumbers(wide, kBlue), "0 0 0 0\n0 0 0 0\n");
 }
 
-TEST(RedMaskView, MarkersGetABoxAndFourBars) {
-    OwnedWorld mask(20, 20);
+TEST(RedMaskView, markers_get_a_box_and_four_bars) {
+    OwnedWorld mask(20, 20), out(20, 20);
     mask.fill({5, 6, 7, 8});
-    FillLimitsArray limits = columnsOf(20, 0, 9);
+    auto limits = boxLimits(0, 0, 9, 19);
     CrossHairsArray hairs{};
-    hairs.centreX[1] = 10;
-    hairs.centreY[1] = 10;
-    hairs.left[1] = 8;
-    hairs.right[1] = 12;
-    hairs.top[1] = 8;
-    hairs.bottom[1] = 12;
-    hairs.radius[1] = 1;
-    OwnedWorld out(20, 20);
-    showRedMaskWithMarkers(out, mask, &limits, &hairs, 20, 20);
-
+    hairs.centreX[1] = hairs.centreY[1] = 10, hairs.radius[1] = 1;
+    hairs.left[1] = hairs.top[1] = 8, hairs.right[1] = hairs.bottom[1] = 12;
+    showRedMaskWithMarkers(out, mask, limits.get(), &hairs, 20, 20);
     EXPECT_EQ(out.at(0, 0).alpha, 32768);  // inside: the mask with full alpha
     EXPECT_EQ(out.at(0, 0).red, 6);
     EXPECT_EQ(out.at(15, 0).green, 10000);  // outside: the fixed colour
@@ -167,22 +132,4 @@ TEST(RedMaskView, MarkersGetABoxAndFourBars) {
     EXPECT_EQ(out.at(14, 17).green, 10000);  // the right bar ends a row lower than the left
     EXPECT_EQ(out.at(5, 15).green, 5000);
     EXPECT_TRUE(out.paddingIntact());
-}
-
-TEST(ColorInfoView, AnInputSmallerThanTheFrameCountsAsTransparentBeyondItsEdge) {
-    OwnedWorld alpha(4, 2);  // alpha 0 everywhere: "removed" wherever the input had matte
-    OwnedWorld mask(4, 2);
-    OwnedWorld input(2, 1);
-    input.fill({1000, 0, 0, 0});
-    OwnedWorld out(4, 2);
-    showColorInfo(alpha, mask, input, out, 4, 2);
-    EXPECT_EQ(out.at(1, 0).blue, 2000);  // inside the input: its alpha shows
-    EXPECT_EQ(out.at(3, 0).blue, 0);     // beyond it: nothing was removed
-    EXPECT_EQ(out.at(0, 1).blue, 0);
-    EXPECT_EQ(out.at(3, 1).alpha, 32768);
-
-    PF_LayerDef none{};        // no layer chosen
-    alpha.fill({0, 0, 0, 0});  // the view rewrote the alpha world
-    showColorInfo(alpha, mask, &none, out, 4, 2);
-    EXPECT_EQ(out.at(0, 0).blue, 0);
 }
