@@ -1,16 +1,13 @@
 // The controls as options, read from the effect's own parameter set-up.
 #include "cli/controls.h"
 
-#include <gtest/gtest.h>
-
-#include "cli/app.h"
 #include "cli/errors.h"
 #include "cli_support.h"
 
 namespace cli = quorvane::cli;
 using Words = std::vector<std::string>;
 
-TEST(Controls, options_words_and_defaults_come_from_the_panel) {
+TEST(Controls, options_words_defaults_and_refusals_come_from_the_panel) {
     const clitest::Effect effect;
     const cli::ControlSet& set = *effect.controls;
     Words options;
@@ -29,16 +26,13 @@ TEST(Controls, options_words_and_defaults_come_from_the_panel) {
     EXPECT_EQ(&set.get("final-shrink-grow"), &set.get("shrink-grow"));
     // The over-long label reads as the host reads it, on into the flags word.
     EXPECT_EQ(set.get("pre-clean-size").label, "Pre clean blobs below size (0=off)");
-
     const cli::ControlValues defaults = set.defaults();
     EXPECT_EQ(set.word(defaults, "further-processing"), "no");
     EXPECT_EQ(set.word(defaults, "hi-color"), "200,200,200");
     EXPECT_EQ(set.rangeText(set.get("shrink-grow")), "-50 to 50");
-}
+    EXPECT_EQ(set.parse(set.get("found"), "3", "").number, 3);
+    EXPECT_EQ(set.parse(set.get("found"), "object-edge", "").number, 10);
 
-TEST(Controls, values_outside_a_range_are_refused_naming_the_control) {
-    const clitest::Effect effect;
-    const cli::ControlSet& set = *effect.controls;
     // Option, value, and the refusal after "--option value: " ("" when accepted).
     const char* const cases[][3] = {
         {"size", "6001", "\"Size (pixels)\" takes 2 to 6000"},
@@ -62,22 +56,20 @@ TEST(Controls, values_outside_a_range_are_refused_naming_the_control) {
         }
         EXPECT_EQ(message, *says ? where + ": " + says : "");
     }
-    EXPECT_EQ(set.parse(set.get("found"), "3", "").number, 3);
-    EXPECT_EQ(set.parse(set.get("found"), "object-edge", "").number, 10);
 }
 
 TEST(Controls, help_and_readme_document_every_option_and_word) {
     const clitest::Effect effect;
     const std::string help = cli::renderHelp();
     const std::string readme = clitest::readText(QUORVANE_SOURCE_DIR "/README.md");
-    auto documented = [&](const std::string& text, const std::string& readmeText) {
-        EXPECT_TRUE(clitest::contains(help, text)) << text;
-        EXPECT_TRUE(clitest::contains(readme, readmeText)) << readmeText;
+    auto documented = [&](const std::string& inHelp, const std::string& inReadme) {
+        EXPECT_TRUE(clitest::contains(help, inHelp)) << inHelp;
+        EXPECT_TRUE(clitest::contains(readme, inReadme)) << inReadme;
     };
     for (const cli::ControlInfo& c : effect.controls->controls()) {
         documented("--" + c.option + " ", "`--" + c.option);
-        for (const std::string& alias : c.aliases) {
-            documented("--" + alias, "--" + alias);
+        for (const std::string& word : c.aliases) {
+            documented("--" + word, "--" + word);
         }
         for (const std::string& word : c.words) {
             documented(word, word);
