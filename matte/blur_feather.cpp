@@ -94,6 +94,25 @@ lanes(const PF_Pixel16* row, A_long first) {
     return &row[first].alpha;
 }
 
+// Brings lanes i0..i1 - 1 of vertical sums v to the next row: row `plus` added, row `minus`
+// dropped (either may be null).
+inline void
+slideSums(int32_t* v, const A_u_short* plus, const A_u_short* minus, A_long i0, A_long i1) {
+    if (plus != nullptr && minus != nullptr) {
+        for (A_long i = i0; i < i1; ++i) {
+            v[i] += static_cast<int32_t>(plus[i]) - static_cast<int32_t>(minus[i]);
+        }
+    } else if (plus != nullptr) {
+        for (A_long i = i0; i < i1; ++i) {
+            v[i] += plus[i];
+        }
+    } else if (minus != nullptr) {
+        for (A_long i = i0; i < i1; ++i) {
+            v[i] -= minus[i];
+        }
+    }
+}
+
 // One box pass of the noise blur, a strip of columns at a time. The window sums are exact
 // integers, so sliding them down the rows and along each row gives the full windows' sums.
 struct BoxPass {
@@ -110,16 +129,14 @@ struct BoxPass {
     const SegmentArray* segments;
     const float* reciprocal;
 
-    // Writes columns a..b of row y. col(x) points at column x's four lanes of vertical sums;
-    // rows is the height of row y's window. The row's window is slid along: its columns
-    // shrink at the frame's sides, where the divider changes with them. The four lanes are
-    // carried together so that the arithmetic runs lane-parallel; the alpha lane's result is
-    // replaced by the input pixel's alpha.
+    // Writes columns a..b of one row (src: the pass's input row, dst: its output row). col(x)
+    // points at column x's four lanes of vertical sums; rows is the height of the row's window. The
+    // row's window is slid along: its columns shrink at the frame's sides, where the divider
+    // changes with them. The four lanes are carried together so that the arithmetic runs
+    // lane-parallel; the alpha lane's result is replaced by the input pixel's alpha.
     template <bool Wide>
-    void blurRun(const int32_t* sums, A_long base, A_long y, A_long rows, A_long a,
-                 A_long b) const {
-        const PF_Pixel16* src = row16(in, y);
-        PF_Pixel16* dst = row16(out, y);
+    void blurRun(const int32_t* sums, A_long base, const PF_Pixel16* src, PF_Pixel16* dst,
+                 A_long rows, A_long a, A_long b) const {
         const A_long lastColumn = width - 1;
         auto col = [&](A_long x) { return loadLanes(sums + 4 * (x - base)); };
         Lanes h = {0, 0, 0, 0};
@@ -253,12 +270,12 @@ struct BoxPass {
                 continue;
             }
             if (hi - lo < 2 || c1 <= lo || c0 >= hi) {
-                blurRun<Wide>(sums, base, y, rows, c0, c1);
+                blurRun<Wide>(sums, base, row16(in, y), row16(out, y), rows, c0, c1);
                 continue;
             }
             // Columns strictly between lo and hi keep the input pixel.
             if (c0 <= lo) {
-                blurRun<Wide>(sums, base, y, rows, c0, lo);
+                blurRun<Wide>(sums, base, row16(in, y), row16(out, y), rows, c0, lo);
             }
             const PF_Pixel16* src = row16(in, y);
             PF_Pixel16* dst = row16(out, y);
@@ -267,8 +284,35 @@ struct BoxPass {
                 dst[x] = src[x];
             }
             if (c1 >= hi) {
-                blurRun<Wide>(sums, base, y, rows, std::max(hi, c0), c1);
+                blurRun<Wide>(sums, base, row16(in, y), row16(out, y), rows, std::max(hi, c0), c1);
             }
+        }
+    }
+
+    // A whole row in one strip (columns 0..width - 1), a run of columns at a time: the run's
+    // vertical sums (lanes: column x's four at 4 * (x + radius)), with the radius beyond it,
+    // are brought to the row by adding `plus` and dropping `minus` (either may be null), and
+    // the run's outputs written while those sums are in the first-level cache; the run's part
+    // of the row added next (`ahead`, when given) is asked for, spread over the row rather
+    // than in one burst. The window sums are exact integers, so runs give the same sums as
+    // one run.
+    template <bool Wide>
+    void wholeRowRuns(int32_t* lanes, const A_u_short* plus, const A_u_short* minus,
+                      const char* ahead, const PF_Pixel16* src, PF_Pixel16* dst,
+                      A_long rows) const {
+        int32_t* v = lanes + 4 * radius;  // column 0
+        A_long slid = 0;                  // columns 0..slid - 1 are at this row
+        for (A_long c = 0; c < width; c += kBlurRunColumns) {
+            const A_long e = std::min(c + kBlurRunColumns, width) - 1;
+            if (ahead != nullptr) {
+                for (A_long i = 8 * c; i < 8 * (e + 1); i += 64) {
+                    __builtin_prefetch(ahead + i);
+                }
+            }
+            const A_long reach = std::min(e + radius, width - 1) + 1;
+            slideSums(v, plus, minus, 4 * slid, 4 * reach);
+            slid = reach;
+            blurRun<Wide>(lanes, -radius, src, dst, rows, c, e);
         }
     }
 
@@ -311,46 +355,14 @@ struct BoxPass {
                     __builtin_prefetch(ahead + i);
                 }
             }
-            // Brings lanes i0..i1 - 1 of the vertical sums to row y.
-            auto slide = [&](A_long i0, A_long i1) {
-                if (adds && drops) {
-                    for (A_long i = i0; i < i1; ++i) {
-                        v[i] += static_cast<int32_t>(plus[i]) - static_cast<int32_t>(minus[i]);
-                    }
-                } else if (adds) {
-                    for (A_long i = i0; i < i1; ++i) {
-                        v[i] += plus[i];
-                    }
-                } else if (drops) {
-                    for (A_long i = i0; i < i1; ++i) {
-                        v[i] -= minus[i];
-                    }
-                }
-            };
             const A_long rows =
                 std::min(y + radius, height - 1) - std::max<A_long>(y - radius, 0) + 1;
             if (fused) {
-                // A whole row in one strip, a run of columns at a time: the run's vertical
-                // sums (with the radius beyond it) are slid down and its outputs written while
-                // those sums are in the first-level cache, and the run's part of the row added
-                // next is asked for, spread over the row rather than in one burst. The window
-                // sums are exact integers, so runs give the same sums as one run.
-                A_long slid = 0;  // columns 0..slid - 1 are at row y
-                for (A_long c = 0; c < width; c += kBlurRunColumns) {
-                    const A_long e = std::min(c + kBlurRunColumns, width) - 1;
-                    if (ahead != nullptr) {
-                        for (A_long i = 8 * c; i < 8 * (e + 1); i += 64) {
-                            __builtin_prefetch(ahead + i);
-                        }
-                    }
-                    const A_long reach = std::min(e + radius, width - 1) + 1;
-                    slide(4 * slid, 4 * reach);
-                    slid = reach;
-                    blurRun<Wide>(sums.lane, base, y, rows, c, e);
-                }
+                wholeRowRuns<Wide>(sums.lane, plus, minus, ahead, row16(in, y), row16(out, y),
+                                   rows);
                 continue;
             }
-            slide(0, n);
+            slideSums(v, plus, minus, 0, n);
             row<Wide>(sums.lane, base, y, rows, stripLeft, stripRight);
         }
     }
@@ -387,6 +399,109 @@ runBoxPass(const BoxPass& pass, ColumnSums& sums) {
     pass.run<false>(sums);
 }
 
+// Where a streamed pass finds a row: a world's own rows, or a ring of `ring` rows of scratch
+// starting at row `first` (row y in slot y % ring).
+struct RowPlace {
+    const PF_LayerDef* world;
+    A_long first;
+    A_long ring;  // 0: the world's row y itself
+
+    PF_Pixel16* at(A_long y) const {
+        return const_cast<PF_Pixel16*>(row16(world, ring == 0 ? y : first + y % ring));
+    }
+};
+
+// One box pass producing its rows top to bottom, one per emit(): the window sums of each row
+// are those of BoxPass on a whole-row strip (every row one segment, nothing skipped), read
+// from and written to RowPlaces. Rows of the input are read only from r + 1 above the row
+// being made to r below it.
+struct StreamedPass {
+    BoxPass pass;    // its own in/out are not used
+    int32_t* lanes;  // vertical sums: column x's four lanes at 4 * (x + radius)
+    RowPlace input;
+    RowPlace output;
+    bool prefetch;    // the input comes from memory: ask for rows ahead
+    A_long next = 0;  // the row the next emit makes
+
+    template <bool Wide>
+    void emit() {
+        const A_long y = next++;
+        const A_long r = pass.radius;
+        const A_long height = pass.height;
+        const A_long n = 4 * pass.width;
+        int32_t* v = lanes + 4 * r;
+        if (y == 0) {
+            std::fill(v, v + n, 0);
+            for (A_long k = 0; k < std::min(r, height); ++k) {
+                slideSums(v, lanes16(input.at(k)), nullptr, 0, n);
+            }
+        }
+        const A_u_short* plus = y + r < height ? lanes16(input.at(y + r)) : nullptr;
+        const A_u_short* minus = y - r - 1 >= 0 ? lanes16(input.at(y - r - 1)) : nullptr;
+        const char* ahead = prefetch && y + r + 1 < height
+                                ? reinterpret_cast<const char*>(input.at(y + r + 1))
+                                : nullptr;
+        const A_long rows = std::min(y + r, height - 1) - std::max<A_long>(y - r, 0) + 1;
+        pass.wholeRowRuns<Wide>(lanes, plus, minus, ahead, input.at(y), output.at(y), rows);
+    }
+
+    static const A_u_short* lanes16(const PF_Pixel16* row) { return &row->alpha; }
+};
+
+// The three passes made row by row: each row of a pass is made as soon as the rows of the
+// pass before it that its window reaches are made.
+template <bool Wide>
+void
+runStreamed(StreamedPass (&passes)[3]) {
+    const A_long height = passes[0].pass.height;
+    for (A_long y = 0; y < height; ++y) {
+        const A_long need1 = std::min(height - 1, y + passes[2].pass.radius);
+        while (passes[1].next <= need1) {
+            const A_long need0 = std::min(height - 1, passes[1].next + passes[1].pass.radius);
+            while (passes[0].next <= need0) {
+                passes[0].emit<Wide>();
+            }
+            passes[1].emit<Wide>();
+        }
+        passes[2].emit<Wide>();
+    }
+}
+
+#if defined(QUORVANE_BLUR_WIDE)
+__attribute__((target("avx2"), flatten)) void
+runStreamedWide(StreamedPass (&passes)[3]) {
+    runStreamed<true>(passes);
+}
+#endif
+
+// Every row one segment over the whole row.
+void
+initWholeRowSegments(SegmentArray* segments, A_long width, A_long height) {
+    for (A_long y = 0; y < height; ++y) {
+        segments->counts[y] = 1;
+        int32_t* f = segments->slots[y][1].field;
+        f[kSegmentRowFirstColumn] = 0;
+        f[kSegmentRowLastColumn] = width - 1;
+        f[kSegmentEndColumn] = width - 1;  // the start column keeps its 0: the whole row
+    }
+}
+
+// Reciprocals of the pixel counts the widest of the boxes can have.
+void
+fillDividers(DividerArray* dividers, const GaussBoxes& boxes) {
+    const int widest = static_cast<int>(boxes.width[2]);
+    const int entries = (2 * widest + 1) * (2 * widest + 1);
+    for (int k = 1; k <= entries && k < kDividerEntries; ++k) {
+        dividers->reciprocal[k] = 1.0f / static_cast<float>(k);
+    }
+}
+
+// The window side is 2r + 1 with r = (box - 1) / 2 + 1: two pixels wider than the box.
+A_long
+passRadius(const GaussBoxes& boxes, int p) {
+    return static_cast<int>((boxes.width[p] - 1.0f) / 2.0f) + 1;
+}
+
 }  // namespace
 
 void
@@ -421,8 +536,8 @@ gaussOptimisedBlurCopyFromSegments(PF_InData* in_data, PF_LayerDef* source,
                                    const PF_LayerDef* original) {
     // The second pass writes every pixel of source when every row is one whole segment, the
     // rows fit the segment table, and no column of source lies beyond destination.
-    const bool secondPassCoversSource = initWholeRows && margin >= 0 && level >= 1 &&
-                                        level <= 8 && source->height <= kSegmentArrayRows &&
+    const bool secondPassCoversSource = initWholeRows && margin >= 0 && level >= 1 && level <= 8 &&
+                                        source->height <= kSegmentArrayRows &&
                                         source->height <= destination->height &&
                                         source->width <= destination->width;
     // An original sharing the destination's pixels would be overwritten while pass 0 reads
@@ -441,27 +556,15 @@ gaussOptimisedBlurCopyFromSegments(PF_InData* in_data, PF_LayerDef* source,
         std::min<A_long>({source->height, destination->height, kSegmentArrayRows});
 
     if (initWholeRows) {
-        for (A_long y = 0; y < height; ++y) {
-            segments->counts[y] = 1;
-            int32_t* f = segments->slots[y][1].field;
-            f[kSegmentRowFirstColumn] = 0;
-            f[kSegmentRowLastColumn] = width - 1;
-            f[kSegmentEndColumn] = width - 1;  // the start column keeps its 0: the whole row
-        }
+        initWholeRowSegments(segments, width, height);
     }
-
-    const int widest = static_cast<int>(boxes.width[2]);
-    const int entries = (2 * widest + 1) * (2 * widest + 1);
-    for (int k = 1; k <= entries && k < kDividerEntries; ++k) {
-        dividers->reciprocal[k] = 1.0f / static_cast<float>(k);
-    }
+    fillDividers(dividers, boxes);
 
     ColumnSums sums;
     const PF_LayerDef* inputs[3] = {original != nullptr ? original : source, destination, source};
     PF_LayerDef* outputs[3] = {destination, source, destination};
     for (int p = 0; p < 3; ++p) {
-        // The window side is 2r + 1 with r = (box - 1) / 2 + 1: two pixels wider than the box.
-        const A_long radius = static_cast<int>((boxes.width[p] - 1.0f) / 2.0f) + 1;
+        const A_long radius = passRadius(boxes, p);
         const BoxPass pass{inputs[p], outputs[p],         width,  height,   radius,
                            margin,    skipSolidInteriors, p == 1, segments, dividers->reciprocal};
         runBoxPass(pass, sums);
@@ -1063,4 +1166,65 @@ boxblur_RedmaskEdgeBlue(PF_InData* /*in_data*/, PF_LayerDef* redMask, int width,
         runFeather(Feather<int64_t>{redMask, scratch, limits, width, height, lastRow, radius,
                                     target, sumLeft, sumRight});
     }
+}
+
+void
+gaussOptimisedBlurStreamed(PF_InData* in_data, const PF_LayerDef* original,
+                           PF_LayerDef* destination, PF_LayerDef* scratch, SegmentArray* segments,
+                           int level, DividerArray* dividers) {
+    const A_long width = std::min(scratch->width, destination->width);
+    const A_long height =
+        std::min<A_long>({scratch->height, destination->height, kSegmentArrayRows});
+    const bool shared = original->data == destination->data || original->data == scratch->data ||
+                        scratch->data == destination->data;
+    GaussBoxes boxes{};
+    A_long radius[3] = {};
+    A_long rowsNeeded = 0;
+    if (level >= 1 && level <= 8) {
+        boxes = boxesForGauss(in_data, kLevelSigma[level], kBoxCount);
+        for (int p = 0; p < 3; ++p) {
+            radius[p] = passRadius(boxes, p);
+        }
+        // Rings for the first two passes' rows (a window's rows and the one dropped next),
+        // then each pass's vertical sums.
+        rowsNeeded = (2 * radius[1] + 2) + (2 * radius[2] + 2);
+        for (int p = 0; p < 3; ++p) {
+            const A_long bytes = 16 * (width + 2 * radius[p]);
+            rowsNeeded += (bytes + scratch->rowbytes - 1) / scratch->rowbytes;
+        }
+    }
+    if (level < 1 || level > 8 || shared || width < 1 || width > kBlurStripColumns ||
+        original->width < width || original->height < height || scratch->height < rowsNeeded ||
+        radius[0] > kBlurMaxRadius || radius[1] > kBlurMaxRadius || radius[2] > kBlurMaxRadius) {
+        gaussOptimisedBlurCopyFromSegments(in_data, scratch, destination, segments, 0, level, true,
+                                           false, nullptr, dividers, original);
+        return;
+    }
+    initWholeRowSegments(segments, width, height);
+    fillDividers(dividers, boxes);
+
+    const A_long ring0 = 2 * radius[1] + 2;
+    const A_long ring1 = 2 * radius[2] + 2;
+    A_long sumsRow = ring0 + ring1;
+    auto sumsAt = [&](int p) {
+        int32_t* at = reinterpret_cast<int32_t*>(row16(scratch, sumsRow));
+        sumsRow += (16 * (width + 2 * radius[p]) + scratch->rowbytes - 1) / scratch->rowbytes;
+        return at;
+    };
+    auto pass = [&](int p) {
+        return BoxPass{nullptr, nullptr, width, height,   radius[p],
+                       0,       false,   false, segments, dividers->reciprocal};
+    };
+    StreamedPass passes[3] = {
+        {pass(0), sumsAt(0), {original, 0, 0}, {scratch, 0, ring0}, true},
+        {pass(1), sumsAt(1), {scratch, 0, ring0}, {scratch, ring0, ring1}, false},
+        {pass(2), sumsAt(2), {scratch, ring0, ring1}, {destination, 0, 0}, false},
+    };
+#if defined(QUORVANE_BLUR_WIDE)
+    if (wideBlurAllowed.load(std::memory_order_relaxed) && __builtin_cpu_supports("avx2")) {
+        runStreamedWide(passes);
+        return;
+    }
+#endif
+    runStreamed<false>(passes);
 }

@@ -26,6 +26,7 @@
 #include "matte/grow_shrink.h"
 #include "matte/isolated_holes.h"
 #include "matte/markers.h"
+#include "matte/pre_clean.h"
 #include "matte/red_mask.h"
 #include "matte/views.h"
 
@@ -71,8 +72,7 @@ struct RenderSettings {
 
 // The downsampling divisor: the host's vertical downsampling when it is 1/2, 1/3 or 1/4.
 A_long
-scaleFromDownsampling(const PF_InData* in_data)
-{
+scaleFromDownsampling(const PF_InData* in_data) {
     const PF_RationalScale ds = in_data->downsample_y;
     if (ds.num == 1 && (ds.den == 2 || ds.den == 3 || ds.den == 4)) {
         return static_cast<A_long>(ds.den);
@@ -81,8 +81,7 @@ scaleFromDownsampling(const PF_InData* in_data)
 }
 
 RenderSettings
-readSettings(PF_ParamDef* params[], A_long scale, A_long height)
-{
+readSettings(PF_ParamDef* params[], A_long scale, A_long height) {
     RenderSettings s;
     s.scale = scale;
     s.process = params[PARAM_PROCESS]->u.pd.value;
@@ -93,8 +92,8 @@ readSettings(PF_ParamDef* params[], A_long scale, A_long height)
     s.preCleanParam = params[PARAM_PRECLEAN_SIZE]->u.sd.value;
 
     const A_long solidPercent = params[PARAM_SOLID_ALPHA]->u.sd.value;
-    s.solidThreshold = static_cast<A_u_short>(
-        std::roundf(static_cast<float>(solidPercent * 32768.0 / 100.0)));
+    s.solidThreshold =
+        static_cast<A_u_short>(std::roundf(static_cast<float>(solidPercent * 32768.0 / 100.0)));
 
     s.preCleanSize = s.preCleanParam / scale;
     if (s.preCleanParam > 0 && s.preCleanSize < 1) {
@@ -124,8 +123,8 @@ readSettings(PF_ParamDef* params[], A_long scale, A_long height)
 
     s.smartExtend = params[PARAM_SMART_EXTEND]->u.sd.value / scale;
     s.growShrink = params[PARAM_FINAL_SHRINK_GROW]->u.sd.value / scale;
-    s.feather = static_cast<float>(params[PARAM_FINAL_FEATHER]->u.sd.value) /
-                static_cast<float>(scale);
+    s.feather =
+        static_cast<float>(params[PARAM_FINAL_FEATHER]->u.sd.value) / static_cast<float>(scale);
     s.limitMargin = static_cast<A_long>(static_cast<float>(std::max<A_long>(0, s.growShrink)) +
                                         4.0f + s.feather);
 
@@ -152,8 +151,7 @@ readSettings(PF_ParamDef* params[], A_long scale, A_long height)
 // A world record seen at the frame's width: working worlds may be allocated wider (Premiere
 // Pro's width factor), but every stage runs over the frame only.
 PF_LayerDef
-frameView(const PF_LayerDef* world, A_long width, A_long height)
-{
+frameView(const PF_LayerDef* world, A_long width, A_long height) {
     PF_LayerDef view = *world;
     view.width = width;
     view.height = height;
@@ -163,8 +161,7 @@ frameView(const PF_LayerDef* world, A_long width, A_long height)
 // Makes one deep working world and registers it for disposal, made or not.
 PF_Err
 makeWorkingWorld(PF_InData* in_data, DisposalList* list, PF_LayerDef* world, A_long width,
-                 A_long height)
-{
+                 A_long height) {
     AEFX_CLR_STRUCT(*world);
     const PF_Err err = in_data->utils->new_world(in_data->effect_ref, width, height,
                                                  PF_NewWorldFlag_DEEP_PIXELS, world);
@@ -175,74 +172,22 @@ makeWorkingWorld(PF_InData* in_data, DisposalList* list, PF_LayerDef* world, A_l
 // The user's colour as a 16-bit pixel with full alpha: Premiere Pro hands the 8-bit value,
 // other hosts the floating-point colour through the colour suite.
 PF_Pixel16
-readColour(PF_InData* in_data, PF_ParamDef* param, bool premiere, const AEGP_SuiteHandler& suites)
-{
+readColour(PF_InData* in_data, PF_ParamDef* param, bool premiere, const AEGP_SuiteHandler& suites) {
     PF_Pixel16 colour;
     if (premiere) {
         colour = convert8PixelTo16(param->u.cd.value);
     } else {
         PF_PixelFloat fp = {};
-        suites.ColorParamSuite1()->PF_GetFloatingPointColorFromColorDef(in_data->effect_ref,
-                                                                        param, &fp);
+        suites.ColorParamSuite1()->PF_GetFloatingPointColorFromColorDef(in_data->effect_ref, param,
+                                                                        &fp);
         colour = convertPix32To16(fp);
     }
     colour.alpha = kFull16;
     return colour;
 }
 
-// Pre-clean ramp, then the copy of the ramped alphas back into the alpha world, in one sweep.
-// Within the limits alphas just above 16000 are pushed far down (16000 gives 0, 21000 keeps
-// 21000), except where the red differs from the next frame's by more than 1500; outside them
-// the scratch world's own alpha comes back. With `zeroFlags` alphas 1..4 come back as 0.
-//
-// The two steps touch one pixel at a time: the ramp of a pixel reads only that pixel's alpha
-// (and reds, which the copy never writes) before the copy writes its alpha, so doing both per
-// pixel gives what the two whole-frame passes give. The ramped values are not kept in the
-// scratch world: nothing reads it before the classification clears it.
 void
-preCleanAlphaRampAndCopyBack(PF_LayerDef* alphaWorld, PF_LayerDef* nextFrame,
-                             PF_LayerDef* classification, const FillLimitsArray* limits,
-                             A_long width, A_long height, bool zeroFlags)
-{
-    const auto flagged = [zeroFlags](A_long a) {
-        return static_cast<A_u_short>(zeroFlags && a < 5 ? 0 : a);
-    };
-    for (A_long y = 0; y < height; ++y) {
-        PF_Pixel16* alpha = row16(alphaWorld, y);
-        const PF_Pixel16* next = row16(nextFrame, y);
-        const PF_Pixel16* cls = row16(classification, y);
-        const bool rowInside = y >= limits->firstRow && y <= limits->lastRow;
-        // Columns [left, right] are ramped; the rest of the row is copied back.
-        const A_long left = rowInside ? std::max<A_long>(limits->left[y], 0) : width;
-        const A_long right = rowInside ? std::min<A_long>(limits->right[y], width - 1) : -1;
-        const A_long copyEnd = std::min(left, width);
-        for (A_long x = 0; x < copyEnd; ++x) {
-            alpha[x].alpha = flagged(cls[x].alpha);
-        }
-        for (A_long x = left; x <= right; ++x) {
-            const A_long a = alpha[x].alpha;
-            const A_long d = std::abs(static_cast<A_long>(alpha[x].red) - next[x].red);
-            A_long out;
-            if (d > 1500 && a > 16000) {
-                out = a;
-            } else if (a < 16000) {
-                out = 0;
-            } else if (a > 21000) {
-                out = a;
-            } else {
-                out = static_cast<A_long>(21000.0f * (static_cast<float>(a - 16000) / 5000.0f));
-            }
-            alpha[x].alpha = flagged(out);
-        }
-        for (A_long x = std::max(right + 1, copyEnd); x < width; ++x) {
-            alpha[x].alpha = flagged(cls[x].alpha);
-        }
-    }
-}
-
-void
-copyWorldTo8Or16(PF_LayerDef* source16, PF_LayerDef* output, bool outputIs8Bit)
-{
+copyWorldTo8Or16(PF_LayerDef* source16, PF_LayerDef* output, bool outputIs8Bit) {
     if (outputIs8Bit) {
         copy16To8BitWorld(source16, output);
     } else {
@@ -253,8 +198,7 @@ copyWorldTo8Or16(PF_LayerDef* source16, PF_LayerDef* output, bool outputIs8Bit)
 // The container and its worlds go back: every registered world is disposed, then the
 // container is freed.
 PF_Err
-releaseRender(PF_InData* in_data, QuorvaneMemoryContainer* container)
-{
+releaseRender(PF_InData* in_data, QuorvaneMemoryContainer* container) {
     const PF_Err err = Dispose_OfAllWorldsOnDisposalList(in_data, &container->disposalList);
     deleteQuorvaneMemoryContainer(container);
     return err;
@@ -263,8 +207,7 @@ releaseRender(PF_InData* in_data, QuorvaneMemoryContainer* container)
 }  // namespace
 
 PF_Err
-Render(PF_InData* in_data, PF_OutData* out_data, PF_ParamDef* params[], PF_LayerDef* output)
-{
+Render(PF_InData* in_data, PF_OutData* out_data, PF_ParamDef* params[], PF_LayerDef* output) {
     // The limits table holds 4320 rows: taller frames are refused before anything is made.
     if (output->height > FILL_LIMITS_MAX_ROWS) {
         out_data->out_flags |= PF_OutFlag_DISPLAY_ERROR_MESSAGE;
@@ -404,31 +347,33 @@ Render(PF_InData* in_data, PF_OutData* out_data, PF_ParamDef* params[], PF_Layer
     if (s.footageIs == FOOTAGE_IS_EXCELLENT) {
         copyWorldToWorld(&workingInput, &alphaWorld);
     } else {
-        // The blur of a copy of the working input in the scratch world, reading the working
-        // input itself.
-        gaussOptimisedBlurCopyFromSegments(in_data, &classification, &alphaWorld,
-                                           &container->segmentArray, 0, s.blurRadius, true, false,
-                                           &container->bfgArray, &container->dividerArray,
-                                           &workingInput);
+        // The blur of a copy of the working input, made with the scratch world as the
+        // ping-pong buffer, streamed: only the alpha world is written whole.
+        gaussOptimisedBlurStreamed(in_data, &workingInput, &alphaWorld, &classification,
+                                   &container->segmentArray, s.blurRadius,
+                                   &container->dividerArray);
     }
+    // The scratch world's alphas as the blur would leave them: each pass carries the alphas of
+    // its input, so they are the working input's; without the blur the world is still new.
+    PF_LayerDef* scratchAlphas =
+        s.footageIs == FOOTAGE_IS_EXCELLENT ? &classification : &workingInput;
     populateAndInitialise_FillLimitsFromIncomingAlpha(&alphaWorld, limits, s.solidThreshold);
 
     // 13. Pre-clean.
     if (s.preCleanSize >= 1) {
         // The alpha ramp and the copy back into the alpha world (zeroing alphas 1..4 in
         // "Show color info "), in one sweep.
-        preCleanAlphaRampAndCopyBack(&alphaWorld, &nextFrame, &classification, limits, width,
-                                     height, colorInfoView);
+        preCleanAlphaRampAndCopyBack(&alphaWorld, &nextFrame, scratchAlphas, limits, width, height,
+                                     colorInfoView);
         // Isolated specks, then the red mask rewritten from the alpha world (open below the
         // solid threshold), in one sweep.
         killIsolatedSpecksThenCopyAlphaToRedMask(&alphaWorld, &redMask, height, width, limits,
-                                                 s.solidThreshold, s.solidThreshold, 0, xMax,
-                                                 yMax);
+                                                 s.solidThreshold, s.solidThreshold, 0, xMax, yMax);
         floodFillHolesLogInFillTagList(
-            &alphaWorld, &redMask, xMax, height, yMax, width, halfWidth, &container->preCleanFillTags,
-            0, s.preCleanSize, 0.0f, 0, 0, &container->whiteRange, 1.0f, 0, 0, &crossHairs,
-            &container->preCleanSeeds, true, true, true, false, limits, FOUND_ANYWHERE,
-            s.solidThreshold, false, false, s.edgeDistance, s.scale, false);
+            &alphaWorld, &redMask, xMax, height, yMax, width, halfWidth,
+            &container->preCleanFillTags, 0, s.preCleanSize, 0.0f, 0, 0, &container->whiteRange,
+            1.0f, 0, 0, &crossHairs, &container->preCleanSeeds, true, true, true, false, limits,
+            FOUND_ANYWHERE, s.solidThreshold, false, false, s.edgeDistance, s.scale, false);
     }
 
     // 14. Main masks: the limits from the alpha world, widened, and the red mask from it.
@@ -460,8 +405,7 @@ Render(PF_InData* in_data, PF_OutData* out_data, PF_ParamDef* params[], PF_Layer
             &alphaWorld, &redMask, xMax, height, yMax, width, halfWidth, &container->mainFillTags,
             s.minBlob, s.maxBlob, 0.0f, 0, 0, &container->userRange, 1.0f, s.footageFillStep, 1,
             &crossHairs, &container->mainSeeds, true, true, true, false, limits, s.found,
-            s.edgeThreshold, s.process == kProcessRedMaskDump, true, s.edgeDistance, s.scale,
-            true);
+            s.edgeThreshold, s.process == kProcessRedMaskDump, true, s.edgeDistance, s.scale, true);
         patchUpRedMaskBlueLeftRightEdgesFromFloodBug(&alphaWorld, &redMask, xMax, yMax,
                                                      s.edgeThreshold);
     }
@@ -474,9 +418,9 @@ Render(PF_InData* in_data, PF_OutData* out_data, PF_ParamDef* params[], PF_Layer
     }
 
     // 18, 19. Classification and smart extend.
-    classifyRedMask(&classification, &redMask, &alphaWorld, limits, noFurtherProcessing,
-                    colorInfoView, s.colorTolerance, s.edgeThreshold);
-    smartExtendRemovals(&classification, &redMask, &spare, limits, width, height, s.smartExtend);
+    classifyRedMaskThenSmartExtend(&classification, &redMask, &alphaWorld, &spare, limits,
+                                   noFurtherProcessing, colorInfoView, s.colorTolerance,
+                                   s.edgeThreshold, s.smartExtend);
 
     // 20. Edge shaping of the blue plane.
     if (!colorInfoView) {
@@ -496,8 +440,8 @@ Render(PF_InData* in_data, PF_OutData* out_data, PF_ParamDef* params[], PF_Layer
     // local 16-bit world would only be converted (step 23) and never read otherwise.
     if (s.process == PROCESS_SHOW_RESULT && outputIs8Bit) {
         PF_LayerDef output8 = frameView(output, width, height);
-        composeResultFromBluePlaneTo8(&output8, &workingInput, &alphaWorld, &redMask, limits,
-                                      width, height, s.growShrink);
+        composeResultFromBluePlaneTo8(&output8, &workingInput, &alphaWorld, &redMask, limits, width,
+                                      height, s.growShrink);
         return releaseRender(in_data, container);
     }
     if (s.process == PROCESS_SHOW_RESULT || s.process == PROCESS_SHOW_ALPHA) {
