@@ -413,39 +413,59 @@ struct RowPlace {
 
 // One box pass producing its rows top to bottom, one per emit(): the window sums of each row
 // are those of BoxPass on a whole-row strip (every row one segment, nothing skipped), read
-// from and written to RowPlaces. Rows of the input are read only from r + 1 above the row
-// being made to r below it.
+// from and written to RowPlaces. A row's vertical sums are added up afresh from the rows of
+// its window, a run of columns at a time, so a pass keeps no state between rows; the sums are
+// exact integers, so they equal the slid ones. Rows of the input are read only from r above
+// the row being made to r below it.
 struct StreamedPass {
-    BoxPass pass;    // its own in/out are not used
-    int32_t* lanes;  // vertical sums: column x's four lanes at 4 * (x + radius)
+    BoxPass pass;  // its own in/out are not used
     RowPlace input;
     RowPlace output;
-    bool prefetch;    // the input comes from memory: ask for rows ahead
+    bool prefetch;    // the input comes from memory: ask for the row after the window
     A_long next = 0;  // the row the next emit makes
 
     template <bool Wide>
     void emit() {
         const A_long y = next++;
         const A_long r = pass.radius;
-        const A_long height = pass.height;
-        const A_long n = 4 * pass.width;
-        int32_t* v = lanes + 4 * r;
-        if (y == 0) {
-            std::fill(v, v + n, 0);
-            for (A_long k = 0; k < std::min(r, height); ++k) {
-                slideSums(v, lanes16(input.at(k)), nullptr, 0, n);
-            }
+        const A_long width = pass.width;
+        const A_long top = std::max<A_long>(y - r, 0);
+        const A_long bottom = std::min(y + r, pass.height - 1);
+        const A_u_short* rows[2 * kBlurMaxRadius + 1];
+        const A_long count = bottom - top + 1;
+        for (A_long k = 0; k < count; ++k) {
+            rows[k] = &input.at(top + k)->alpha;
         }
-        const A_u_short* plus = y + r < height ? lanes16(input.at(y + r)) : nullptr;
-        const A_u_short* minus = y - r - 1 >= 0 ? lanes16(input.at(y - r - 1)) : nullptr;
-        const char* ahead = prefetch && y + r + 1 < height
+        const char* ahead = prefetch && y + r + 1 < pass.height
                                 ? reinterpret_cast<const char*>(input.at(y + r + 1))
                                 : nullptr;
-        const A_long rows = std::min(y + r, height - 1) - std::max<A_long>(y - r, 0) + 1;
-        pass.wholeRowRuns<Wide>(lanes, plus, minus, ahead, input.at(y), output.at(y), rows);
+        const PF_Pixel16* src = input.at(y);
+        PF_Pixel16* dst = output.at(y);
+        int32_t sums[4 * (kBlurRunColumns + 2 * kBlurMaxRadius)];
+        for (A_long c = 0; c < width; c += kBlurRunColumns) {
+            const A_long e = std::min(c + kBlurRunColumns, width) - 1;
+            if (ahead != nullptr) {
+                for (A_long i = 8 * c; i < 8 * (e + 1); i += 64) {
+                    __builtin_prefetch(ahead + i);
+                }
+            }
+            // Columns lo..hi: the run and the radius beyond it, inside the frame.
+            const A_long lo = std::max<A_long>(c - r, 0);
+            const A_long i0 = 4 * lo;
+            const A_long n = 4 * (std::min(e + r, width - 1) - lo + 1);
+            const A_u_short* first = rows[0] + i0;
+            for (A_long i = 0; i < n; ++i) {
+                sums[i] = first[i];
+            }
+            for (A_long k = 1; k < count; ++k) {
+                const A_u_short* more = rows[k] + i0;
+                for (A_long i = 0; i < n; ++i) {
+                    sums[i] += more[i];
+                }
+            }
+            pass.blurRun<Wide>(sums, lo, src, dst, count, c, e);
+        }
     }
-
-    static const A_u_short* lanes16(const PF_Pixel16* row) { return &row->alpha; }
 };
 
 // The three passes made row by row: each row of a pass is made as soon as the rows of the
@@ -1179,23 +1199,19 @@ gaussOptimisedBlurStreamed(PF_InData* in_data, const PF_LayerDef* original,
                         scratch->data == destination->data;
     GaussBoxes boxes{};
     A_long radius[3] = {};
-    A_long rowsNeeded = 0;
     if (level >= 1 && level <= 8) {
         boxes = boxesForGauss(in_data, kLevelSigma[level], kBoxCount);
         for (int p = 0; p < 3; ++p) {
             radius[p] = passRadius(boxes, p);
         }
-        // Rings for the first two passes' rows (a window's rows and the one dropped next),
-        // then each pass's vertical sums.
-        rowsNeeded = (2 * radius[1] + 2) + (2 * radius[2] + 2);
-        for (int p = 0; p < 3; ++p) {
-            const A_long bytes = 16 * (width + 2 * radius[p]);
-            rowsNeeded += (bytes + scratch->rowbytes - 1) / scratch->rowbytes;
-        }
     }
+    // Rings for the first two passes' rows, as many as the next pass's window holds: a row is
+    // made only once no window of the next pass reaches the row it replaces.
+    const A_long ring0 = 2 * radius[1] + 1;
+    const A_long ring1 = 2 * radius[2] + 1;
     if (level < 1 || level > 8 || shared || width < 1 || width > kBlurStripColumns ||
-        original->width < width || original->height < height || scratch->height < rowsNeeded ||
-        radius[0] > kBlurMaxRadius || radius[1] > kBlurMaxRadius || radius[2] > kBlurMaxRadius) {
+        original->width < width || original->height < height || scratch->height < ring0 + ring1 ||
+        std::max({radius[0], radius[1], radius[2]}) > kBlurMaxRadius) {
         gaussOptimisedBlurCopyFromSegments(in_data, scratch, destination, segments, 0, level, true,
                                            false, nullptr, dividers, original);
         return;
@@ -1203,22 +1219,14 @@ gaussOptimisedBlurStreamed(PF_InData* in_data, const PF_LayerDef* original,
     initWholeRowSegments(segments, width, height);
     fillDividers(dividers, boxes);
 
-    const A_long ring0 = 2 * radius[1] + 2;
-    const A_long ring1 = 2 * radius[2] + 2;
-    A_long sumsRow = ring0 + ring1;
-    auto sumsAt = [&](int p) {
-        int32_t* at = reinterpret_cast<int32_t*>(row16(scratch, sumsRow));
-        sumsRow += (16 * (width + 2 * radius[p]) + scratch->rowbytes - 1) / scratch->rowbytes;
-        return at;
-    };
     auto pass = [&](int p) {
         return BoxPass{nullptr, nullptr, width, height,   radius[p],
                        0,       false,   false, segments, dividers->reciprocal};
     };
     StreamedPass passes[3] = {
-        {pass(0), sumsAt(0), {original, 0, 0}, {scratch, 0, ring0}, true},
-        {pass(1), sumsAt(1), {scratch, 0, ring0}, {scratch, ring0, ring1}, false},
-        {pass(2), sumsAt(2), {scratch, ring0, ring1}, {destination, 0, 0}, false},
+        {pass(0), {original, 0, 0}, {scratch, 0, ring0}, true},
+        {pass(1), {scratch, 0, ring0}, {scratch, ring0, ring1}, false},
+        {pass(2), {scratch, ring0, ring1}, {destination, 0, 0}, false},
     };
 #if defined(QUORVANE_BLUR_WIDE)
     if (wideBlurAllowed.load(std::memory_order_relaxed) && __builtin_cpu_supports("avx2")) {
