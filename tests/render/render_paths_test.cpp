@@ -1,10 +1,7 @@
 // Whole renders through the headless host: every view, both host families and depths, the
 // exits that end a render early, and the host's accounting after each.
-#include <cstring>
-#include <string>
-#include <vector>
-
 #include <memory>
+#include <optional>
 
 #include <gtest/gtest.h>
 
@@ -18,243 +15,149 @@ using namespace rtest;
 
 namespace {
 
+constexpr HostFamily AE = HostFamily::AfterEffects, PR = HostFamily::Premiere;
+
 // The exits that end a render early leave the render's container allocated, as the effect
 // has always done; leak checking is paused around exactly those renders.
 struct ContainerKeptOnThisExit {
 #if defined(__SANITIZE_ADDRESS__)
-    ContainerKeptOnThisExit() { __lsan_disable(); }
-    ~ContainerKeptOnThisExit() { __lsan_enable(); }
+    ContainerKeptOnThisExit() {
+        __lsan_disable();
+    }
+    ~ContainerKeptOnThisExit() {
+        __lsan_enable();
+    }
 #endif
 };
 
+// Keyed frames with a subject in the middle and three garbage discs, one moving per frame.
 std::unique_ptr<MemoryFrameSource>
-keyedSource(int width, int height, int frames, bool deep = true)
-{
+keyedSource(int width, int height, int frames, bool deep = true) {
     auto source = std::make_unique<MemoryFrameSource>(width, height);
-    for (int i = 0; i < frames; ++i) {
-        KeyedFrame f = makeKeyedFrame(width, height, {width / 2, height / 2, height / 4},
-                                      {{10 + i, 12, 2}, {width - 20, height - 15, 5}, {30, height - 8, 1}});
-        if (deep) {
-            source->addFrame16(f.pixels);
-        } else {
-            source->addFrame8(to8Bit(f.pixels));
-        }
-    }
+    for (int i = 0; i < frames; ++i)
+        KeyedFrame(width, height, {width / 2, height / 2, height / 4},
+                   {{10 + i, 12, 2}, {width - 20, height - 15, 5}, {30, height - 8, 1}})
+            .addTo(*source, 1, deep);
     return source;
 }
 
-void
-presetOutput(Session& session, A_u_short v)
-{
-    auto& out = session.output();
-    if (out.deep()) {
-        out.fill16({v, v, v, v});
-    } else {
-        const A_u_char b = static_cast<A_u_char>(v & 0xFF);
-        out.fill8({b, b, b, b});
-    }
-}
-
-bool
-outputStillPreset(Session& session, A_u_short v)
-{
-    auto& out = session.output();
-    for (A_long y = 0; y < out.height(); ++y)
-        for (A_long x = 0; x < out.width(); ++x) {
-            if (out.deep() ? std::memcmp(&out.at16(x, y), &(const PF_Pixel16&)PF_Pixel16{v, v, v, v}, 8) != 0
-                           : out.at8(x, y).red != static_cast<A_u_char>(v & 0xFF))
-                return false;
-        }
-    return true;
+// Fills the output with v and returns a copy to compare it with after the render.
+World
+presetOutput(Session& session, A_u_char v) {
+    World& out = session.output();
+    out.deep() ? out.fill16({v, v, v, v}) : out.fill8({v, v, v, v});
+    return out.clone();
 }
 
 }  // namespace
 
-TEST(RenderPaths, EveryViewFamilyAndDepthGivesEverythingBack)
-{
-    for (HostFamily family : {HostFamily::AfterEffects, HostFamily::Premiere}) {
+TEST(RenderPaths, every_view_family_depth_and_wide_output_gives_everything_back) {
+    // A host may hand an output world wider than the input layer: every view must stay inside
+    // the layer's pixels (the sanitizer build checks the reads).
+    for (auto [family, wide] : {std::pair{AE, false}, {PR, false}, {AE, true}})
         for (bool deep : {true, false}) {
             auto source = keyedSource(96, 200, 3, deep);
-            for (int process : {1, 2, 3, 4, 5}) {
+            for (int process : {1, 2, 3, 4, 5})
                 for (int further : {kRemove, kRemoveSmaller, kRemoveLarger, kNo}) {
                     SCOPED_TRACE(testing::Message()
-                                 << (family == HostFamily::Premiere ? "premiere" : "ae")
-                                 << (deep ? " 16-bit" : " 8-bit") << " process " << process
-                                 << " further " << further);
-                    Session session(plugin(), {.family = family, .deep = deep, .source = source.get()});
+                                 << (family == PR ? "premiere" : "ae") << " wide " << wide
+                                 << " deep " << deep << " view " << process << " further "
+                                 << further);
+                    Session session(plugin(),
+                                    {.family = family, .deep = deep, .source = source.get()});
                     ASSERT_EQ(session.start(), PF_Err_NONE);
-                    session.setPopup(kProcess, process);
-                    session.setPopup(kFurtherProcessing, further);
-                    session.setPopup(kFootageIs, 2);
-                    session.setSlider(kShrinkGrow, process == 2 ? 3 : -2);
+                    if (wide) session.setOutput(World(192, 200, deep));
+                    set(session, {kProcess, process, kFurtherProcessing, further, kFootageIs, 2,
+                                  kShrinkGrow, process == 2 ? 3 : -2});
                     ASSERT_EQ(session.runFrame(1), PF_Err_NONE);
-                    const Accounting& a = session.accounting();
                     // Working input, three frames, the local output when 8-bit, and three or
                     // four stage worlds (Premiere reuses the current frame as the alpha world).
-                    const int expected = 1 + 3 + (deep ? 0 : 1) +
-                                         (family == HostFamily::Premiere ? 3 : 4);
-                    EXPECT_EQ(a.worldsMade, expected);
-                    EXPECT_EQ(a.checkouts, 3);
+                    EXPECT_EQ(session.accounting().worldsMade, 4 + !deep + (family == PR ? 3 : 4));
+                    EXPECT_EQ(session.accounting().checkouts, 3);
                     expectEverythingReturned(session);
                 }
-            }
         }
-    }
 }
 
-TEST(RenderPaths, DownsamplingFootageAndPositionsRunClean)
-{
+TEST(RenderPaths, downsampling_footage_and_positions_run_clean) {
     auto source = keyedSource(120, 200, 2);
-    for (A_u_long down : {1u, 2u, 3u, 4u}) {
-        for (int footage = 1; footage <= 4; ++footage) {
-            for (int found = 1 + footage % 2; found <= 10; found += 2) {  // all ten over two footages
-                SCOPED_TRACE(testing::Message() << "1/" << down << " footage " << footage
-                                                << " found " << found);
+    for (A_u_long down : {1u, 2u, 3u, 4u})
+        for (int footage = 1; footage <= 4; ++footage)
+            for (int found = 1 + footage % 2; found <= 10; found += 2) {  // all ten over two
+                SCOPED_TRACE(testing::Message()
+                             << "1/" << down << " footage " << footage << " found " << found);
                 Session session(plugin(), {.source = source.get()});
                 ASSERT_EQ(session.start(), PF_Err_NONE);
                 session.setDownsample(down);
-                session.setPopup(kFootageIs, footage);
-                session.setPopup(kFurtherProcessing, kRemoveSmaller);
-                session.setPopup(kFound, found);
-                session.setSlider(kFeather, 7);
-                session.setSlider(kShrinkGrow, 5);
+                set(session, {kFootageIs, footage, kFurtherProcessing, kRemoveSmaller, kFound,
+                              found, kFeather, 7, kShrinkGrow, 5});
                 ASSERT_EQ(session.runFrame(0), PF_Err_NONE);
                 expectEverythingReturned(session);
             }
-        }
-    }
 }
 
-TEST(RenderExits, TinyFramesFollowTheirHostFamily)
-{
-    // After Effects below 50 rows: the sparse grey copy of the input, nothing else made.
-    {
-        MemoryFrameSource source(30, 49);
-        std::vector<PF_Pixel16> px(30 * 49, PF_Pixel16{1000, 2000, 3000, 4000});
-        source.addFrame16(px);
-        Session session(plugin(), {.source = &source});
-        ASSERT_EQ(session.start(), PF_Err_NONE);
-        presetOutput(session, 7);
-        {
-            [[maybe_unused]] ContainerKeptOnThisExit kept;
-            ASSERT_EQ(session.runFrame(0), PF_Err_NONE);
-        }
-        auto& out = session.output();
-        for (int y = 0; y < 49; ++y)
-            for (int x = 0; x < 30; ++x) {
-                const PF_Pixel16 p = out.at16(x, y);
-                if (x % 3 == 0 && y % 3 == 0) {
-                    EXPECT_EQ(p.alpha, 1000);
-                    EXPECT_EQ(p.blue, 2000);
-                } else {
-                    EXPECT_EQ(p.alpha, 7);
-                }
-            }
-        EXPECT_EQ(session.accounting().worldsMade, 0);
-        EXPECT_EQ(session.finish(), 0);
-    }
-    // Premiere below 200 rows: the output is left untouched.
-    {
-        auto source = keyedSource(64, 199, 1);
-        Session session(plugin(), {.family = HostFamily::Premiere, .source = source.get()});
-        ASSERT_EQ(session.start(), PF_Err_NONE);
-        presetOutput(session, 9);
-        ASSERT_EQ(session.runFrame(0), PF_Err_NONE);
-        EXPECT_TRUE(outputStillPreset(session, 9));
-        EXPECT_EQ(session.accounting().worldsMade, 0);
-        expectEverythingReturned(session);
-    }
-    // A single column takes the tiny-frame exit in both families.
-    {
-        auto source = keyedSource(1, 300, 1);
-        Session session(plugin(), {.family = HostFamily::Premiere, .source = source.get()});
-        ASSERT_EQ(session.start(), PF_Err_NONE);
-        presetOutput(session, 9);
-        ASSERT_EQ(session.runFrame(0), PF_Err_NONE);
-        EXPECT_TRUE(outputStillPreset(session, 9));
-        expectEverythingReturned(session);
-    }
-}
-
-TEST(RenderExits, FramesTallerThanTheLimitsTableAreRefused)
-{
-    auto source = keyedSource(3, 4321, 1);
-    Session session(plugin(), {.source = source.get()});
+TEST(RenderExits, after_effects_tiny_frames_get_the_sparse_grey_copy_and_nothing_is_made) {
+    MemoryFrameSource source(30, 49);
+    source.addSolidFrame16({1000, 2000, 3000, 4000});
+    Session session(plugin(), {.source = &source});
     ASSERT_EQ(session.start(), PF_Err_NONE);
-    presetOutput(session, 5);
-    EXPECT_EQ(session.runFrame(0), PF_Err_INTERNAL_STRUCT_DAMAGED);
-    EXPECT_EQ(session.returnMessage(), "Quorvane: frames taller than 4320 rows are not supported.");
-    EXPECT_TRUE(session.outData().out_flags & PF_OutFlag_DISPLAY_ERROR_MESSAGE);
-    EXPECT_TRUE(outputStillPreset(session, 5));
+    presetOutput(session, 7);
+    {
+        [[maybe_unused]] ContainerKeptOnThisExit kept;
+        ASSERT_EQ(session.runFrame(0), PF_Err_NONE);
+    }
+    for (int y = 0; y < 49; ++y)
+        for (int x = 0; x < 30; ++x) {
+            const PF_Pixel16 p = session.output().at16(x, y);
+            const bool copied = x % 3 == 0 && y % 3 == 0;
+            EXPECT_EQ(p.alpha, copied ? 1000 : 7);
+            EXPECT_EQ(p.blue, copied ? 2000 : 7);
+        }
     EXPECT_EQ(session.accounting().worldsMade, 0);
-    expectEverythingReturned(session);
+    EXPECT_EQ(session.finish(), 0);
 }
 
-TEST(RenderExits, FailuresBeforeTheStagesLeaveTheOutputUnwritten)
-{
-    struct Case {
+TEST(RenderExits, early_exits_leave_the_output_unwritten_and_keep_only_their_worlds) {
+    const struct {
         const char* what;
+        HostFamily family;
         bool deep;
-        int failWorld;
-        int failCheckout;
+        int width, height, failWorld, failCheckout;
         PF_Err expected;
-        int leftUndisposed;
+        int leftUndisposed;  // the worlds made before an error, left to the host
+    } cases[] = {
+        {"Premiere below 200 rows", PR, true, 64, 199, 0, 0, PF_Err_NONE, 0},
+        {"Premiere single column", PR, true, 1, 300, 0, 0, PF_Err_NONE, 0},
+        {"taller than the limits table", AE, true, 3, 4321, 0, 0, PF_Err_INTERNAL_STRUCT_DAMAGED,
+         0},
+        {"working input", AE, true, 64, 60, 1, 0, PF_Err_OUT_OF_MEMORY, 0},
+        {"second frame world", AE, true, 64, 60, 3, 0, PF_Err_INTERNAL_STRUCT_DAMAGED, 2},
+        {"previous-frame check-out", AE, true, 64, 60, 0, 1, PF_Err_INTERNAL_STRUCT_DAMAGED, 2},
+        {"next-frame check-out", AE, true, 64, 60, 0, 3, PF_Err_INTERNAL_STRUCT_DAMAGED, 4},
+        {"8-bit output target", AE, false, 64, 60, 5, 0, PF_Err_OUT_OF_MEMORY, 4},
+        {"red mask world: ends quietly", AE, true, 64, 60, 6, 0, PF_Err_NONE, 0},
     };
-    const Case cases[] = {
-        // (worlds left: those made before the failure)
-        {"working input", true, 1, 0, PF_Err_OUT_OF_MEMORY, 0},
-        {"second frame world", true, 3, 0, PF_Err_INTERNAL_STRUCT_DAMAGED, 2},
-        {"previous-frame check-out", true, 0, 1, PF_Err_INTERNAL_STRUCT_DAMAGED, 2},
-        {"next-frame check-out", true, 0, 3, PF_Err_INTERNAL_STRUCT_DAMAGED, 4},
-        {"8-bit output target", false, 5, 0, PF_Err_OUT_OF_MEMORY, 4},
-    };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
-        auto src = keyedSource(64, 60, 2, c.deep);
-        Session session(plugin(), {.deep = c.deep, .source = src.get()});
+        auto source = keyedSource(c.width, c.height, 2, c.deep);
+        Session session(plugin(), {.family = c.family, .deep = c.deep, .source = source.get()});
         ASSERT_EQ(session.start(), PF_Err_NONE);
-        presetOutput(session, 3);
+        const World before = presetOutput(session, 3);
         session.faults().failNewWorldAt = c.failWorld;
         session.faults().failCheckoutAt = c.failCheckout;
-        {
-            [[maybe_unused]] ContainerKeptOnThisExit kept;
-            EXPECT_EQ(session.runFrame(0), c.expected);
+        std::optional<ContainerKeptOnThisExit> kept;
+        if (c.expected != PF_Err_NONE && c.height <= 4320) kept.emplace();
+        EXPECT_EQ(session.runFrame(0), c.expected);
+        kept.reset();
+        EXPECT_TRUE(session.output().samePixels(before));
+        const Accounting& a = session.accounting();
+        EXPECT_EQ(a.suitesHeld() + a.checkoutsLeftAtCommandEnd + a.guardViolations, 0);
+        EXPECT_TRUE(c.failWorld + c.failCheckout > 0 || a.worldsMade == 0) << "made worlds";
+        if (c.height > 4320) {
+            EXPECT_EQ(session.returnMessage(),
+                      "Quorvane: frames taller than 4320 rows are not supported.");
+            EXPECT_TRUE(session.outData().out_flags & PF_OutFlag_DISPLAY_ERROR_MESSAGE);
         }
-        EXPECT_TRUE(outputStillPreset(session, 3));
-        EXPECT_EQ(session.accounting().suitesHeld(), 0);
-        EXPECT_EQ(session.accounting().checkoutsLeftAtCommandEnd, 0);
-        // These exits leave their worlds to the host, which reclaims them at the session's end.
         EXPECT_EQ(session.finish(), c.leftUndisposed);
-    }
-}
-
-TEST(RenderExits, AStageWorldThatCannotBeMadeEndsTheRenderQuietly)
-{
-    auto source = keyedSource(64, 60, 2);
-    Session session(plugin(), {.source = source.get()});
-    ASSERT_EQ(session.start(), PF_Err_NONE);
-    presetOutput(session, 4);
-    session.faults().failNewWorldAt = 6;  // the red mask
-    EXPECT_EQ(session.runFrame(0), PF_Err_NONE);
-    EXPECT_TRUE(outputStillPreset(session, 4));
-    expectEverythingReturned(session);
-}
-
-TEST(RenderPaths, OutputLargerThanTheInputLayerIsFilledWithoutReadingPastIt)
-{
-    // A host may hand an output world larger than the input layer; every view must stay
-    // inside the layer's pixels (the sanitizer build checks the reads).
-    for (bool deep : {true, false}) {
-        auto source = keyedSource(60, 100, 3, deep);
-        for (int process : {1, 2, 3, 5}) {
-            SCOPED_TRACE(testing::Message() << (deep ? "16-bit" : "8-bit") << " process " << process);
-            Session session(plugin(), {.deep = deep, .source = source.get()});
-            ASSERT_EQ(session.start(), PF_Err_NONE);
-            session.setOutput(quorvane::headless::World(120, 100, deep));
-            session.setPopup(kProcess, process);
-            session.setPopup(kFurtherProcessing, kRemoveSmaller);
-            ASSERT_EQ(session.runFrame(1), PF_Err_NONE);
-            expectEverythingReturned(session);
-        }
     }
 }

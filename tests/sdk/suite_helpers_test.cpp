@@ -1,8 +1,6 @@
-// The two suite helpers: lazy acquisition and release by the handler, scoped acquisition and
-// its failure message by the scoper.
-#include <cstdarg>
-#include <cstdio>
-#include <cstring>
+// The two suite helpers: lazy acquisition and release by the handler, scoped acquisition by
+// the scoper. A missing suite's error, its message and the release on unwinding are also seen
+// through the effect in tests/host and tests/image.
 #include <string>
 #include <vector>
 
@@ -17,116 +15,70 @@
 
 namespace {
 
-// A basic suite that serves a fixed set of suites and logs every call.
-struct FakeBasic {
-    static std::vector<std::string> log;
-    static std::string missing;
-    static bool nullSuite;
+// A basic suite that logs every call and serves every suite but `gMissing`, as null with
+// gNullSuite.
+std::vector<std::string> gLog;
+std::string gMissing;
+bool gNullSuite = false;
 
-    static SPErr Acquire(const char* name, int32 version, const void** suite)
-    {
-        log.push_back("acquire " + std::string(name) + " " + std::to_string(version));
-        if (missing == name) {
-            return 1;
-        }
+SPBasicSuite
+loggingBasicSuite() {
+    gLog.clear();
+    SPBasicSuite basic{};
+    basic.AcquireSuite = [](const char* name, int32 version, const void** suite) -> SPErr {
         static char storage[256];
-        *suite = nullSuite ? nullptr : storage;
+        gLog.push_back("acquire " + std::string(name) + " " + std::to_string(version));
+        if (gMissing == name) return 1;
+        *suite = gNullSuite ? nullptr : storage;
         return kSPNoError;
-    }
-    static SPErr Release(const char* name, int32 version)
-    {
-        log.push_back("release " + std::string(name) + " " + std::to_string(version));
+    };
+    basic.ReleaseSuite = [](const char* name, int32 version) -> SPErr {
+        gLog.push_back("release " + std::string(name) + " " + std::to_string(version));
         return kSPNoError;
-    }
-};
-std::vector<std::string> FakeBasic::log;
-std::string FakeBasic::missing;
-bool FakeBasic::nullSuite = false;
-
-int
-FakeSprintf(A_char* dst, const A_char* format, ...)
-{
-    va_list args;
-    va_start(args, format);
-    const int n = std::vsprintf(dst, format, args);
-    va_end(args);
-    return n;
+    };
+    return basic;
 }
 
-struct Fixture : ::testing::Test {
-    SPBasicSuite basic{};
-    PF_UtilCallbacks utils{};
-    PF_InData in_data{};
-    PF_OutData out_data{};
-    void SetUp() override
-    {
-        FakeBasic::log.clear();
-        FakeBasic::missing.clear();
-        FakeBasic::nullSuite = false;
-        basic.AcquireSuite = FakeBasic::Acquire;
-        basic.ReleaseSuite = FakeBasic::Release;
-        utils.ansi.sprintf = FakeSprintf;
-        in_data.utils = &utils;
-        in_data.pica_basicP = &basic;
+int
+thrownBy(void (*f)(SPBasicSuite*), SPBasicSuite* basic) {
+    try {
+        f(basic);
+    } catch (int e) {
+        return e;
     }
-};
-
-using SuiteHandler = Fixture;
-using SuiteScoper = Fixture;
+    return 0;
+}
 
 }  // namespace
 
-TEST_F(SuiteHandler, AcquiresLazilyOnceAndReleasesEverythingAtTheEnd)
-{
+TEST(SuiteHandler, acquires_lazily_once_releases_everything_and_throws_for_null_suites) {
+    SPBasicSuite basic = loggingBasicSuite();
     {
-        AEGP_SuiteHandler suites(in_data.pica_basicP);
-        EXPECT_TRUE(FakeBasic::log.empty());
+        AEGP_SuiteHandler suites(&basic);
+        EXPECT_TRUE(gLog.empty());
         suites.ParamUtilsSuite3();
         suites.ParamUtilsSuite3();
         suites.HandleSuite1();
         suites.ANSICallbacksSuite1();
-        EXPECT_EQ(FakeBasic::log.size(), 3u);
+        EXPECT_EQ(gLog.size(), 3u);
     }
-    const std::vector<std::string> expected = {
-        "acquire PF Param Utils Suite 3", "acquire PF Handle Suite 2", "acquire PF ANSI Suite 1",
-        // released in the handler's own order, not the reverse of acquisition
-        "release PF ANSI Suite 1", "release PF Handle Suite 2", "release PF Param Utils Suite 3"};
-    EXPECT_EQ(FakeBasic::log, expected);
+    EXPECT_EQ(gLog, (std::vector<std::string>{
+                        "acquire PF Param Utils Suite 3", "acquire PF Handle Suite 2",
+                        "acquire PF ANSI Suite 1", "release PF ANSI Suite 1",
+                        "release PF Handle Suite 2", "release PF Param Utils Suite 3"}));
+    EXPECT_EQ(thrownBy([](SPBasicSuite*) { AEGP_SuiteHandler suites(nullptr); }, &basic),
+              PF_Err_BAD_CALLBACK_PARAM);
+    gNullSuite = true;
+    EXPECT_EQ(thrownBy([](SPBasicSuite* b) { AEGP_SuiteHandler(b).ParamUtilsSuite3(); }, &basic),
+              PF_Err_BAD_CALLBACK_PARAM);
+    gNullSuite = false;
 }
 
-TEST_F(SuiteHandler, MissingOrNullSuitesThrowBadCallbackParam)
-{
-    EXPECT_THROW(
-        {
-            try {
-                AEGP_SuiteHandler suites(nullptr);
-            } catch (int e) {
-                EXPECT_EQ(e, PF_Err_BAD_CALLBACK_PARAM);
-                throw;
-            }
-        },
-        int);
-
-    FakeBasic::missing = "PF ColorParamSuite";
-    try {
-        AEGP_SuiteHandler suites(in_data.pica_basicP);
-        suites.HandleSuite1();
-        suites.ColorParamSuite1();
-        FAIL() << "no throw";
-    } catch (int e) {
-        EXPECT_EQ(e, PF_Err_BAD_CALLBACK_PARAM);
-    }
-    // The suite that was acquired is still released when the throw unwinds the handler.
-    EXPECT_EQ(FakeBasic::log.back(), "release PF Handle Suite 2");
-
-    FakeBasic::missing.clear();
-    FakeBasic::nullSuite = true;
-    AEGP_SuiteHandler suites(in_data.pica_basicP);
-    EXPECT_THROW(suites.ParamUtilsSuite3(), int);
-}
-
-TEST_F(SuiteScoper, ReleasesInReverseOrderOfConstruction)
-{
+TEST(SuiteScoper, releases_in_reverse_order_and_needs_out_data_only_for_the_message) {
+    SPBasicSuite basic = loggingBasicSuite();
+    PF_InData in_data{};
+    in_data.pica_basicP = &basic;
+    PF_OutData out_data{};
     {
         AEFX_SuiteScoper<PF_UtilitySuite4> utility(&in_data, kPFUtilitySuite,
                                                    kPFUtilitySuiteVersion4, &out_data);
@@ -135,41 +87,24 @@ TEST_F(SuiteScoper, ReleasesInReverseOrderOfConstruction)
         EXPECT_NE(utility.get(), nullptr);
         EXPECT_NE(format.operator->(), nullptr);
     }
-    const std::vector<std::string> expected = {
-        "acquire PF Utility Suite 4", "acquire PF Pixel Format Suite 1",
-        "release PF Pixel Format Suite 1", "release PF Utility Suite 4"};
-    EXPECT_EQ(FakeBasic::log, expected);
-}
+    EXPECT_EQ(gLog, (std::vector<std::string>{
+                        "acquire PF Utility Suite 4", "acquire PF Pixel Format Suite 1",
+                        "release PF Pixel Format Suite 1", "release PF Utility Suite 4"}));
 
-TEST_F(SuiteScoper, FailureShowsTheMessageAndThrowsMissingSuite)
-{
-    FakeBasic::missing = kPFUtilitySuite;
-    try {
-        AEFX_SuiteScoper<PF_UtilitySuite4> utility(&in_data, kPFUtilitySuite,
-                                                   kPFUtilitySuiteVersion4, &out_data);
-        FAIL() << "no throw";
-    } catch (int e) {
-        EXPECT_EQ(e, A_Err_MISSING_SUITE);
-    }
-    EXPECT_EQ(out_data.out_flags & PF_OutFlag_DISPLAY_ERROR_MESSAGE,
-              PF_OutFlag_DISPLAY_ERROR_MESSAGE);
-    EXPECT_STREQ(out_data.return_msg, "Not able to acquire AEFX Suite.");
-    EXPECT_EQ(FakeBasic::log.size(), 1u);  // nothing to release
-
-    // Without out_data: the same throw, and no message is written.
-    out_data = PF_OutData{};
+    // A missing suite without out_data: the same throw, no message written anywhere.
+    gMissing = kPFUtilitySuite;
+    int thrown = 0;
     try {
         AEFX_SuiteScoper<PF_UtilitySuite4> utility(&in_data, kPFUtilitySuite,
                                                    kPFUtilitySuiteVersion4);
-        FAIL() << "no throw";
     } catch (int e) {
-        EXPECT_EQ(e, 13);
+        thrown = e;
     }
-    EXPECT_EQ(out_data.out_flags, 0);
-    EXPECT_STREQ(out_data.return_msg, "");
-
+    EXPECT_EQ(thrown, A_Err_MISSING_SUITE);
     // A scoper allowed to miss its suite holds null and does not throw.
     AEFX_SuiteScoper<PF_UtilitySuite4, true> optional(&in_data, kPFUtilitySuite,
                                                       kPFUtilitySuiteVersion4, &out_data);
     EXPECT_EQ(optional.get(), nullptr);
+    EXPECT_EQ(out_data.out_flags, 0);
+    gMissing.clear();
 }
