@@ -8,15 +8,11 @@
 #include <spawn.h>
 #include <sys/wait.h>
 
-#include <cstdint>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <memory>
 #include <random>
 #include <sstream>
-#include <string>
-#include <vector>
 
 #include "cli/app.h"
 #include "cli/controls.h"
@@ -29,32 +25,21 @@ namespace OIIO = OIIO_NAMESPACE;
 namespace fs = std::filesystem;
 
 // A fresh folder under the system's temporary folder, removed with everything in it.
-class TempDir {
-  public:
-    TempDir() : path_((fs::temp_directory_path() / "quorvane-cli-XXXXXX").string()) {
-        EXPECT_NE(::mkdtemp(path_.data()), nullptr);
-    }
-    ~TempDir() { fs::remove_all(path_, ec_); }
-    TempDir(const TempDir&) = delete;
-    std::string operator/(const std::string& name) const { return path_ + "/" + name; }
+struct TempDir {
+    std::string path = (fs::temp_directory_path() / "quorvane-cli-XXXXXX").string();
+    std::error_code ec;
+    TempDir() { EXPECT_NE(::mkdtemp(path.data()), nullptr); }
+    ~TempDir() { fs::remove_all(path, ec); }
+    std::string operator/(const std::string& name) const { return path + "/" + name; }
     // Every file below the folder (hidden ones included), relative, sorted.
     std::vector<std::string> files(const std::string& sub = "") const {
         std::vector<std::string> names;
-        const fs::path root = fs::path(path_) / sub;
-        std::error_code ec;
-        for (auto it = fs::recursive_directory_iterator(root, ec);
-             !ec && it != fs::recursive_directory_iterator(); it.increment(ec)) {
-            if (it->is_regular_file()) {
-                names.push_back(it->path().lexically_relative(root).string());
-            }
+        for (const auto& e : fs::recursive_directory_iterator(*this / sub)) {
+            if (e.is_regular_file()) names.push_back(e.path().lexically_relative(*this / sub));
         }
         std::sort(names.begin(), names.end());
         return names;
     }
-
-  private:
-    std::string path_;
-    std::error_code ec_;
 };
 
 inline std::string
@@ -64,21 +49,15 @@ readText(const std::string& path) {
     return text.str();
 }
 
-inline std::vector<char>
-fileBytes(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::vector<char>(std::istreambuf_iterator<char>(in), {});
-}
-
 inline bool
 contains(const std::string& text, const std::string& part) {
     return text.find(part) != std::string::npos;
 }
 
 // Leaks inside OpenImageIO are not the command's (sanitizer builds only).
-inline const std::string kEnvironment =
+inline const std::string kCommand =
     "LSAN_OPTIONS=fast_unwind_on_malloc=0:suppressions=" QUORVANE_SOURCE_DIR
-    "/tests/cli/lsan.supp ";
+    "/tests/cli/lsan.supp " QUORVANE_EXE " ";
 
 struct Outcome {
     int status = -1;
@@ -89,9 +68,8 @@ struct Outcome {
 inline Outcome
 runQuorvane(const std::string& args) {
     TempDir logs;
-    const int raw = std::system((kEnvironment + QUORVANE_EXE " " + args + " >" + (logs / "out") +
-                                 " 2>" + (logs / "err") + " </dev/null")
-                                    .c_str());
+    const int raw = std::system(
+        (kCommand + args + " >" + (logs / "out") + " 2>" + (logs / "err") + " </dev/null").c_str());
     return {WIFEXITED(raw) ? WEXITSTATUS(raw) : 128 + WTERMSIG(raw), readText(logs / "out"),
             readText(logs / "err")};
 }
@@ -99,8 +77,7 @@ runQuorvane(const std::string& args) {
 // Starts quorvane in the background (output discarded); returns its process id.
 inline pid_t
 startQuorvane(const std::string& args) {
-    const std::string command =
-        kEnvironment + "exec " QUORVANE_EXE " " + args + " >/dev/null 2>&1 </dev/null";
+    const std::string command = "exec env " + kCommand + args + " >/dev/null 2>&1 </dev/null";
     const char* argv[] = {"/bin/sh", "-c", command.c_str(), nullptr};
     pid_t pid = 0;
     EXPECT_EQ(posix_spawn(&pid, "/bin/sh", nullptr, nullptr, const_cast<char**>(argv), environ), 0);
@@ -122,15 +99,15 @@ struct Picture {
                                                 : f32[i];
     }
     // The values' storage, sized to fit, and the type OpenImageIO reads or writes it as.
-    OIIO::TypeDesc dataType() const {
-        return type == OIIO::TypeDesc::UINT8 || type == OIIO::TypeDesc::UINT16
-                   ? type
-                   : OIIO::TypeDesc::FLOAT;
-    }
     void* data() {
         if (type == OIIO::TypeDesc::UINT8) return (u8.resize(size()), u8.data());
         if (type == OIIO::TypeDesc::UINT16) return (u16.resize(size()), u16.data());
         return (f32.resize(size()), f32.data());
+    }
+    OIIO::TypeDesc dataType() const {
+        return type == OIIO::TypeDesc::UINT8 || type == OIIO::TypeDesc::UINT16
+                   ? type
+                   : OIIO::TypeDesc::FLOAT;
     }
 };
 
@@ -140,10 +117,8 @@ writePicture(const std::string& path, Picture p, int bits = 0) {
     auto out = OIIO::ImageOutput::create(path);
     OIIO::ImageSpec layout(p.width, p.height, p.channels, p.type);
     layout.attribute("oiio:UnassociatedAlpha", 1);
+    if (bits != 0) layout.attribute("oiio:BitsPerSample", bits);
     layout.alpha_channel = p.channels == 4 || p.channels == 2 ? p.channels - 1 : -1;
-    if (bits != 0) {
-        layout.attribute("oiio:BitsPerSample", bits);
-    }
     ASSERT_TRUE(out && out->open(path, layout) && out->write_image(p.dataType(), p.data()) &&
                 out->close())
         << path;
@@ -155,36 +130,32 @@ readPicture(const std::string& path) {
     OIIO::ImageSpec config;
     config.attribute("oiio:UnassociatedAlpha", 1);
     auto in = OIIO::ImageInput::open(path, &config);
-    if (!in) {
-        ADD_FAILURE() << "cannot open " << path;
-        return {};
-    }
-    const OIIO::ImageSpec& s = in->spec();
-    Picture p{s.width, s.height, s.nchannels, s.format};
-    EXPECT_TRUE(in->read_image(0, 0, 0, s.nchannels, p.dataType(), p.data())) << path;
+    if (!in) return {};
+    Picture p{in->spec().width, in->spec().height, in->spec().nchannels, in->spec().format};
+    EXPECT_TRUE(in->read_image(0, 0, 0, p.channels, p.dataType(), p.data())) << path;
     return p;
 }
 
 // A keyed-looking 8-bit RGBA frame: a solid ellipse subject on a clear background, noisy
-// colours everywhere, and seeded specks and small blobs of garbage in the left sixth.
+// colours, and seeded specks and small blobs of garbage in the left sixth.
 inline Picture
 keyedFrame(int width, int height, unsigned seed) {
     Picture p{width, height, 4};
-    p.u8.resize(p.size());
     std::mt19937 rng(seed);
     auto noise = [&](int low, int high) {
-        return high <= low ? low : low + static_cast<int>(rng() % (high - low + 1));
+        return high <= low ? low : low + int(rng() % (high - low + 1));
     };
     for (int y = 0; y < height; ++y) {
         for (int x = 0; x < width; ++x) {
-            std::uint8_t* q = &p.u8[(static_cast<std::size_t>(y) * width + x) * 4];
             const double dx = (x - width * 0.5) / (width * 0.3);
             const double dy = (y - height * 0.55) / (height * 0.35);
-            const bool subject = dx * dx + dy * dy <= 1.0;
-            q[0] = static_cast<std::uint8_t>(subject ? noise(150, 230) : noise(20, 80));
-            q[1] = static_cast<std::uint8_t>(subject ? noise(120, 200) : noise(140, 220));
-            q[2] = static_cast<std::uint8_t>(subject ? noise(90, 160) : noise(20, 90));
-            q[3] = subject ? 255 : 0;
+            const bool in = dx * dx + dy * dy <= 1.0;
+            for (auto [low, high] : {in ? std::pair(150, 230) : std::pair(20, 80),
+                                     in ? std::pair(120, 200) : std::pair(140, 220),
+                                     in ? std::pair(90, 160) : std::pair(20, 90)}) {
+                p.u8.push_back(std::uint8_t(noise(low, high)));
+            }
+            p.u8.push_back(in ? 255 : 0);
         }
     }
     for (int g = 0; g < 25; ++g) {
@@ -193,8 +164,7 @@ keyedFrame(int width, int height, unsigned seed) {
         for (int y = std::max(gy - r, 0); y <= std::min(gy + r, height - 1); ++y) {
             for (int x = std::max(gx - r, 0); x <= std::min(gx + r, width - 1); ++x) {
                 if ((x - gx) * (x - gx) + (y - gy) * (y - gy) <= r * r) {
-                    p.u8[(static_cast<std::size_t>(y) * width + x) * 4 + 3] =
-                        static_cast<std::uint8_t>(noise(160, 255));
+                    p.u8[(std::size_t(y) * width + x) * 4 + 3] = std::uint8_t(noise(160, 255));
                 }
             }
         }
@@ -204,14 +174,11 @@ keyedFrame(int width, int height, unsigned seed) {
 
 // The real effect module started in a headless session, and its controls.
 struct Effect {
-    Effect() {
-        EXPECT_EQ(session.start(), PF_Err_NONE);
-        controls = std::make_unique<quorvane::cli::ControlSet>(session);
-    }
     quorvane::headless::Plugin plugin =
         quorvane::headless::Plugin::load(quorvane::cli::pluginPath(""));
     quorvane::headless::Session session{plugin};
-    std::unique_ptr<quorvane::cli::ControlSet> controls;
+    PF_Err started = session.start();
+    quorvane::cli::ControlSet controls{session};
 };
 
 }  // namespace clitest
