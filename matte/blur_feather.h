@@ -110,3 +110,10 @@ void allowWideNoiseBlur(bool allowed);
 void boxblur_RedmaskEdgeBlue(PF_InData* in_data, PF_LayerDef* redMask, int width, int height,
                              int lastRow, int radius, bool blurBlack, FillLimitsArray* limits,
                              PF_LayerDef* scratch);
+
+// boxblur_RedmaskEdgeBlue for a caller that never reads the scratch world afterwards: the red
+// mask comes out the same, but the band rows live in a ring of radius + 2 scratch rows, so the
+// scratch world is not written whole. Its contents are left undefined.
+void boxblur_RedmaskEdgeBlueScratchAsRing(PF_InData* in_data, PF_LayerDef* redMask, int width,
+                                          int height, int lastRow, int radius, bool blurBlack,
+                                          FillLimitsArray* limits, PF_LayerDef* scratch);

@@ -431,8 +431,10 @@ Render(PF_InData* in_data, PF_OutData* out_data, PF_ParamDef* params[], PF_Layer
                                                                    s.growShrink, limits);
         }
         if (s.feather > 0.0f) {
-            boxblur_RedmaskEdgeBlue(in_data, &redMask, width, height, yMax,
-                                    static_cast<int>(s.feather), false, limits, &classification);
+            // Nothing reads the classification world after the feather.
+            boxblur_RedmaskEdgeBlueScratchAsRing(in_data, &redMask, width, height, yMax,
+                                                 static_cast<int>(s.feather), false, limits,
+                                                 &classification);
         }
     }
 
