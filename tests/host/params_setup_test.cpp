@@ -4,6 +4,7 @@
 
 #include <cstring>
 #include <string>
+#include <tuple>
 #include <type_traits>
 #include <vector>
 
@@ -89,23 +90,20 @@ TEST(ParamsSetup, declares_the_seventeen_controls_with_names_flags_ids_items_and
     // Popups, sliders and colours carry their items, ranges and defaults.
     for (const auto& want : kPopups) {
         SCOPED_TRACE("popup " + std::to_string(want.index));
-        const auto& control = session.control(want.index);
-        const PF_PopupDef& pd = control.declared.u.pd;
-        EXPECT_EQ(pd.num_choices, want.numChoices);
-        EXPECT_EQ(pd.dephault, want.dephault);
-        EXPECT_EQ(pd.value, want.dephault);
-        EXPECT_EQ(control.popupItems, want.items);
+        const PF_PopupDef& pd = session.control(want.index).declared.u.pd;
+        EXPECT_EQ(std::tuple(pd.num_choices, pd.dephault, pd.value),
+                  std::tuple(want.numChoices, want.dephault, want.dephault));
+        EXPECT_EQ(session.control(want.index).popupItems, want.items);
     }
 
-    for (const auto& want : kSliders) {
+    for (const auto& want : kSliders) {  // value strings left empty
         SCOPED_TRACE("slider " + std::to_string(want.index));
         const PF_SliderDef& sd = session.control(want.index).declared.u.sd;
         EXPECT_EQ((std::vector<A_long>{sd.valid_min, sd.valid_max, sd.slider_min, sd.slider_max,
                                        sd.dephault, sd.value}),
                   (std::vector<A_long>{want.validMin, want.validMax, want.sliderMin, want.sliderMax,
                                        want.dephault, want.dephault}));
-        EXPECT_EQ(sd.value_str[0], '\0');
-        EXPECT_EQ(sd.value_desc[0], '\0');
+        EXPECT_TRUE(sd.value_str[0] == '\0' && sd.value_desc[0] == '\0');
     }
 
     for (const auto& want : kColors) {

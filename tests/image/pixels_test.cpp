@@ -27,23 +27,6 @@ TEST(Conversions, eight_bit_shifts_sixteen_bit_truncates_and_float_wraps_before_
     for (auto [v, want] : floats) EXPECT_EQ(convertPix32To16({v, 0, 0, 0}).alpha, want) << v;
 }
 
-// The 16-bit copy is seen through the render of a tiny frame in tests/render.
-TEST(WorldCopies, monochromish_copy_writes_every_third_pixel_of_the_source_only) {
-    OwnedWorld src(7, 5, false), dst(8, 4, false);
-    for (int y = 0; y < 5; ++y)
-        for (int x = 0; x < 7; ++x) src.at8(x, y) = {10, 20, 30, 40};
-    for (int y = 0; y < 4; ++y)
-        for (int x = 0; x < 8; ++x) dst.at8(x, y) = {9, 9, 9, 9};
-    safeCopyWorldAsMonochromish(src, dst);
-    for (int y = 0; y < 4; ++y)
-        for (int x = 0; x < 8; ++x) {
-            const bool written = x % 3 == 0 && y % 3 == 0 && x < 7;
-            const PF_Pixel want = written ? PF_Pixel{10, 20, 20, 20} : PF_Pixel{9, 9, 9, 9};
-            EXPECT_EQ(std::memcmp(&dst.at8(x, y), &want, 4), 0) << x << "," << y;
-        }
-    EXPECT_TRUE(dst.paddingIntact());
-}
-
 TEST(Fills, rectangle_clips_and_takes_absolute_sizes_and_alpha_fills_keep_colour) {
     OwnedWorld w(6, 5);
     const PF_Pixel16 on{1, 2, 3, 4};

@@ -41,7 +41,7 @@ struct Settings {
 void
 render(const KeyedFrame& frame, const Settings& s, const std::function<void(Session&)>& check) {
     MemoryFrameSource source(kW, kH);
-    frame.addTo(source, 3, s.deep);
+    frame.addTo(source, 3);
     Session session(plugin(), {.family = s.family, .deep = s.deep, .source = &source});
     ASSERT_EQ(session.start(), PF_Err_NONE);
     set(session,

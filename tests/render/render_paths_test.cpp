@@ -2,6 +2,7 @@
 // exits that end a render early, and the host's accounting after each.
 #include <memory>
 #include <optional>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -32,12 +33,12 @@ struct ContainerKeptOnThisExit {
 
 // Keyed frames with a subject in the middle and three garbage discs, one moving per frame.
 std::unique_ptr<MemoryFrameSource>
-keyedSource(int width, int height, int frames, bool deep = true) {
+keyedSource(int width, int height, int frames) {
     auto source = std::make_unique<MemoryFrameSource>(width, height);
     for (int i = 0; i < frames; ++i)
         KeyedFrame(width, height, {width / 2, height / 2, height / 4},
                    {{10 + i, 12, 2}, {width - 20, height - 15, 5}, {30, height - 8, 1}})
-            .addTo(*source, 1, deep);
+            .addTo(*source, 1);
     return source;
 }
 
@@ -56,7 +57,7 @@ TEST(RenderPaths, every_view_family_depth_and_wide_output_gives_everything_back)
     // the layer's pixels (the sanitizer build checks the reads).
     for (auto [family, wide] : {std::pair{AE, false}, {PR, false}, {AE, true}})
         for (bool deep : {true, false}) {
-            auto source = keyedSource(96, 200, 3, deep);
+            auto source = keyedSource(96, 200, 3);
             for (int process : {1, 2, 3, 4, 5})
                 for (int further : {kRemove, kRemoveSmaller, kRemoveLarger, kNo}) {
                     SCOPED_TRACE(testing::Message()
@@ -98,23 +99,30 @@ TEST(RenderPaths, downsampling_footage_and_positions_run_clean) {
 
 TEST(RenderExits, after_effects_tiny_frames_get_the_sparse_grey_copy_and_nothing_is_made) {
     MemoryFrameSource source(30, 49);
-    source.addSolidFrame16({1000, 2000, 3000, 4000});
-    Session session(plugin(), {.source = &source});
-    ASSERT_EQ(session.start(), PF_Err_NONE);
-    presetOutput(session, 7);
-    {
-        [[maybe_unused]] ContainerKeptOnThisExit kept;
-        ASSERT_EQ(session.runFrame(0), PF_Err_NONE);
-    }
-    for (int y = 0; y < 49; ++y)
-        for (int x = 0; x < 30; ++x) {
-            const PF_Pixel16 p = session.output().at16(x, y);
-            const bool copied = x % 3 == 0 && y % 3 == 0;
-            EXPECT_EQ(p.alpha, copied ? 1000 : 7);
-            EXPECT_EQ(p.blue, copied ? 2000 : 7);
+    source.addSolidFrame16({1280, 2560, 3000, 4000});  // 8-bit: 10, 20, 23, 31
+    for (bool deep : {true, false}) {
+        Session session(plugin(), {.deep = deep, .source = &source});
+        ASSERT_EQ(session.start(), PF_Err_NONE);
+        session.setOutput(World(32, 49, deep));  // wider than the layer: the rest is kept
+        presetOutput(session, 3);
+        {
+            [[maybe_unused]] ContainerKeptOnThisExit kept;
+            ASSERT_EQ(session.runFrame(0), PF_Err_NONE);
         }
-    EXPECT_EQ(session.accounting().worldsMade, 0);
-    EXPECT_EQ(session.finish(), 0);
+        // Every third pixel of the layer: alpha kept, green and blue replaced by red.
+        const int preset = deep ? 3 : 3 << 7;  // in 16-bit units
+        for (int y = 0; y < 49; ++y)
+            for (int x = 0; x < 32; ++x) {
+                const bool copied = x % 3 == 0 && y % 3 == 0 && x < 30;
+                const PF_Pixel16 p = outputPixel(session, x, y);
+                EXPECT_EQ(
+                    (std::vector<int>{p.alpha, p.green, p.blue}),
+                    (copied ? std::vector<int>{1280, 2560, 2560} : std::vector<int>(3, preset)))
+                    << x << "," << y;
+            }
+        EXPECT_EQ(session.accounting().worldsMade, 0);
+        EXPECT_EQ(session.finish(), 0);
+    }
 }
 
 TEST(RenderExits, early_exits_leave_the_output_unwritten_and_keep_only_their_worlds) {
@@ -139,7 +147,7 @@ TEST(RenderExits, early_exits_leave_the_output_unwritten_and_keep_only_their_wor
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
-        auto source = keyedSource(c.width, c.height, 2, c.deep);
+        auto source = keyedSource(c.width, c.height, 2);
         Session session(plugin(), {.family = c.family, .deep = c.deep, .source = source.get()});
         ASSERT_EQ(session.start(), PF_Err_NONE);
         const World before = presetOutput(session, 3);

@@ -47,13 +47,9 @@ struct KeyedFrame {
                         at(x, y) = {32768, 6000, 26000, 7000};
             }
     }
-    // Adds this frame `count` times, at the project's depth (8-bit: limited, then shifted).
-    void addTo(MemoryFrameSource& source, int count, bool deep) const {
-        const auto c = [](A_u_short v) { return A_u_char(std::min<int>(v, 32640) >> 7); };
-        std::vector<PF_Pixel> eight;
-        for (const PF_Pixel16& p : pixels)
-            eight.push_back({c(p.alpha), c(p.red), c(p.green), c(p.blue)});
-        for (int i = 0; i < count; ++i) deep ? source.addFrame16(pixels) : source.addFrame8(eight);
+    // Adds this frame `count` times; the host converts it when the project is 8-bit.
+    void addTo(MemoryFrameSource& source, int count) const {
+        for (int i = 0; i < count; ++i) source.addFrame16(pixels);
     }
 };
 

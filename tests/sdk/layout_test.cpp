@@ -1,6 +1,6 @@
 // Sizes and offsets of the host interface's records on x86-64: a host built from the vendor's
 // headers must be able to load our module, and the over-long parameter name must spill into
-// `flags` exactly as it does there.
+// `flags` exactly as it does there (the declared 0x2966 is checked in tests/host).
 #include <cstddef>
 
 #include <gtest/gtest.h>
@@ -93,16 +93,4 @@ TEST(HostInterface, constants_match_the_hosts_values) {
     EXPECT_EQ(PF_Cmd_GET_EXTERNAL_DEPENDENCIES, 16);
     EXPECT_EQ(PF_Cmd_QUERY_DYNAMIC_FLAGS, 18);
     EXPECT_EQ(PF_Cmd_NUM_CMDS, 34);
-}
-
-TEST(HostInterface, overlong_name_spills_into_flags_little_endian) {
-    PF_ParamDef def = {};
-    // Copied through a function pointer, as the host's ANSI strcpy is called.
-    A_char* (*volatile copy)(A_char*, const A_char*) = +[](A_char* dst, const A_char* src) {
-        for (A_char* d = dst; (*d++ = *src++) != 0;) {
-        }
-        return dst;
-    };
-    copy(def.name, "Pre clean blobs below size (0=off)");
-    EXPECT_EQ(def.flags, 0x2966);
 }

@@ -1,5 +1,5 @@
 // The two suite helpers: lazy acquisition and release by the handler, scoped acquisition by
-// the scoper. A missing suite's error, its message and the release on unwinding are also seen
+// the scoper. A missing suite's error, its message and the release on unwinding are seen
 // through the effect in tests/host and tests/image.
 #include <string>
 #include <vector>
@@ -15,15 +15,12 @@
 
 namespace {
 
-// A basic suite that logs every call and serves every suite but `gMissing`, as null with
+// A basic suite that logs every call and serves every suite but gMissing, as null with
 // gNullSuite.
 std::vector<std::string> gLog;
 std::string gMissing;
 bool gNullSuite = false;
-
-SPBasicSuite
-loggingBasicSuite() {
-    gLog.clear();
+SPBasicSuite gBasic = [] {
     SPBasicSuite basic{};
     basic.AcquireSuite = [](const char* name, int32 version, const void** suite) -> SPErr {
         static char storage[256];
@@ -37,12 +34,13 @@ loggingBasicSuite() {
         return kSPNoError;
     };
     return basic;
-}
+}();
 
+// The int `f` throws, or 0.
 int
-thrownBy(void (*f)(SPBasicSuite*), SPBasicSuite* basic) {
+thrownBy(void (*f)()) {
     try {
-        f(basic);
+        f();
     } catch (int e) {
         return e;
     }
@@ -52,9 +50,9 @@ thrownBy(void (*f)(SPBasicSuite*), SPBasicSuite* basic) {
 }  // namespace
 
 TEST(SuiteHandler, acquires_lazily_once_releases_everything_and_throws_for_null_suites) {
-    SPBasicSuite basic = loggingBasicSuite();
+    gLog.clear();
     {
-        AEGP_SuiteHandler suites(&basic);
+        AEGP_SuiteHandler suites(&gBasic);
         EXPECT_TRUE(gLog.empty());
         suites.ParamUtilsSuite3();
         suites.ParamUtilsSuite3();
@@ -66,18 +64,17 @@ TEST(SuiteHandler, acquires_lazily_once_releases_everything_and_throws_for_null_
                         "acquire PF Param Utils Suite 3", "acquire PF Handle Suite 2",
                         "acquire PF ANSI Suite 1", "release PF ANSI Suite 1",
                         "release PF Handle Suite 2", "release PF Param Utils Suite 3"}));
-    EXPECT_EQ(thrownBy([](SPBasicSuite*) { AEGP_SuiteHandler suites(nullptr); }, &basic),
-              PF_Err_BAD_CALLBACK_PARAM);
+    EXPECT_EQ(thrownBy([] { AEGP_SuiteHandler suites(nullptr); }), PF_Err_BAD_CALLBACK_PARAM);
     gNullSuite = true;
-    EXPECT_EQ(thrownBy([](SPBasicSuite* b) { AEGP_SuiteHandler(b).ParamUtilsSuite3(); }, &basic),
+    EXPECT_EQ(thrownBy([] { AEGP_SuiteHandler(&gBasic).ParamUtilsSuite3(); }),
               PF_Err_BAD_CALLBACK_PARAM);
     gNullSuite = false;
 }
 
 TEST(SuiteScoper, releases_in_reverse_order_and_needs_out_data_only_for_the_message) {
-    SPBasicSuite basic = loggingBasicSuite();
+    gLog.clear();
     PF_InData in_data{};
-    in_data.pica_basicP = &basic;
+    in_data.pica_basicP = &gBasic;
     PF_OutData out_data{};
     {
         AEFX_SuiteScoper<PF_UtilitySuite4> utility(&in_data, kPFUtilitySuite,
@@ -90,21 +87,13 @@ TEST(SuiteScoper, releases_in_reverse_order_and_needs_out_data_only_for_the_mess
     EXPECT_EQ(gLog, (std::vector<std::string>{
                         "acquire PF Utility Suite 4", "acquire PF Pixel Format Suite 1",
                         "release PF Pixel Format Suite 1", "release PF Utility Suite 4"}));
-
-    // A missing suite without out_data: the same throw, no message written anywhere.
+    // A missing suite without out_data: the same throw, and no message to write.
     gMissing = kPFUtilitySuite;
-    int thrown = 0;
-    try {
-        AEFX_SuiteScoper<PF_UtilitySuite4> utility(&in_data, kPFUtilitySuite,
-                                                   kPFUtilitySuiteVersion4);
-    } catch (int e) {
-        thrown = e;
-    }
-    EXPECT_EQ(thrown, A_Err_MISSING_SUITE);
-    // A scoper allowed to miss its suite holds null and does not throw.
-    AEFX_SuiteScoper<PF_UtilitySuite4, true> optional(&in_data, kPFUtilitySuite,
-                                                      kPFUtilitySuiteVersion4, &out_data);
-    EXPECT_EQ(optional.get(), nullptr);
-    EXPECT_EQ(out_data.out_flags, 0);
+    EXPECT_EQ(thrownBy([] {
+                  PF_InData in{};
+                  in.pica_basicP = &gBasic;
+                  AEFX_SuiteScoper<PF_UtilitySuite4>(&in, kPFUtilitySuite, kPFUtilitySuiteVersion4);
+              }),
+              A_Err_MISSING_SUITE);
     gMissing.clear();
 }
