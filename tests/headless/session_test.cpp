@@ -50,16 +50,6 @@ release(PF_InData* in, const char* name, int version) {
     in->pica_basicP->ReleaseSuite(name, version);
 }
 
-constexpr const char* kOverlongName = "Pre clean blobs below size (0=off)";  // 34 characters
-
-// `count` frames from the source's first; frame f is solid with red 128 × f.
-void
-addNumberedFrames(MemoryFrameSource& frames, A_long count) {
-    for (A_long f = frames.firstFrame(); f < frames.firstFrame() + count; ++f) {
-        frames.addSolidFrame16({32768, static_cast<A_u_short>(128 * f), 0, 0});
-    }
-}
-
 // True when the rows are padded and every pixel byte is zero.
 bool
 zeroFilledAndPadded(const PF_LayerDef& w) {
@@ -252,7 +242,7 @@ TEST_F(HeadlessSession, the_panel_is_built_by_add_param_and_changed_by_update_pa
         d[1].flags = PF_ParamFlag_SUPERVISE;
         std::strcpy(d[1].name, "Size");
         d[2].param_type = PF_Param_COLOR;
-        std::memcpy(d[2].name, kOverlongName, 32);
+        std::memcpy(d[2].name, "Pre clean blobs below size (0=off)", 32);
         PF_Err err = PF_Err_NONE;
         for (int i = 0; i < 3 && err == PF_Err_NONE; ++i) {
             err = in->inter.add_param(in->effect_ref, -1, &d[i]);
@@ -266,7 +256,7 @@ TEST_F(HeadlessSession, the_panel_is_built_by_add_param_and_changed_by_update_pa
     EXPECT_EQ(s.control(1).popupChoices(),
               (std::vector<std::string>{"Show result ", "Show alpha "}));
     EXPECT_STREQ(s.control(1).current.u.pd.u.namesptr, "Show result |Show alpha |");
-    EXPECT_EQ(s.control(3).name(), std::string(kOverlongName, 32));
+    EXPECT_EQ(s.control(3).name(), "Pre clean blobs below size (0=of");  // all 32 bytes
     // The k-th add_param of a command fails as asked.
     failing.faults().failAddParamAt = 2;
     EXPECT_EQ(failing.paramsSetup(), PF_Err_OUT_OF_MEMORY);
@@ -321,8 +311,10 @@ TEST_F(HeadlessSession, the_panel_is_built_by_add_param_and_changed_by_update_pa
 }
 
 TEST_F(HeadlessSession, renders_get_in_data_layers_and_checkouts_as_the_host_hands_them_out) {
-    MemoryFrameSource frames(3, 2, 1);  // frames 1..3
-    addNumberedFrames(frames, 3);
+    MemoryFrameSource frames(3, 2, 1);
+    for (A_u_short f = 1; f <= 3; ++f) {
+        frames.addSolidFrame16({32768, A_u_short(128 * f), 0, 0});  // red 128 × f
+    }
     Session s(entry, {HostFamily::Premiere, true, &frames}),
         e(entry, {HostFamily::Premiere, false, &frames, 100, 240});
     PF_InData data{};
