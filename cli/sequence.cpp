@@ -209,25 +209,4 @@ parseFrameList(const std::string& text) {
     return frames;
 }
 
-std::string
-formatFrameList(const std::vector<long>& frames) {
-    std::string out;
-    std::size_t i = 0;
-    while (i < frames.size()) {
-        std::size_t j = i;
-        while (j + 1 < frames.size() && frames[j + 1] == frames[j] + 1) {
-            ++j;
-        }
-        if (!out.empty()) {
-            out += ',';
-        }
-        out += std::to_string(frames[i]);
-        if (j > i) {
-            out += '-' + std::to_string(frames[j]);
-        }
-        i = j + 1;
-    }
-    return out;
-}
-
 }  // namespace quorvane::cli

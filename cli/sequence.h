@@ -49,7 +49,4 @@ class FramePattern {
 // usage error naming the text.
 std::vector<long> parseFrameList(const std::string& text);
 
-// Writes frames as the shortest list parseFrameList reads back ("1001-1005,1010").
-std::string formatFrameList(const std::vector<long>& frames);
-
 }  // namespace quorvane::cli
