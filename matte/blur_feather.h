@@ -84,18 +84,6 @@ void gaussOptimisedBlurCopyFromSegments(PF_InData* in_data, PF_LayerDef* source,
                                         DividerArray* dividers,
                                         const PF_LayerDef* original = nullptr);
 
-// The noise blur of gaussOptimisedBlurCopyFromSegments(in_data, scratch, destination, segments,
-// 0, level, true, false, -, dividers, original), made in one sweep down the frame.
-// Reads    original (all four channels)
-// Writes   destination: exactly what the three passes give it; the segment rows and the
-//          divider table as the three passes do; scratch: work space, left undefined (the
-//          first two passes' rows live there in rings of a few rows)
-// Quirks   falls back to the three passes when the frame is wider than 4096 columns, scratch
-//          is too short for its rings, or worlds share pixels
-void gaussOptimisedBlurStreamed(PF_InData* in_data, const PF_LayerDef* original,
-                                PF_LayerDef* destination, PF_LayerDef* scratch,
-                                SegmentArray* segments, int level, DividerArray* dividers);
-
 // Whether the noise blur may take its AVX2 build on processors that have AVX2 (the default).
 // Both builds give the same results; turning it off lets the portable build be checked
 // anywhere.

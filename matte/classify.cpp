@@ -1,7 +1,6 @@
 #include "matte/classify.h"
 
 #include <algorithm>
-#include <array>
 #include <cstdint>
 
 #include "image/pixels.h"
@@ -13,7 +12,6 @@ constexpr PF_Pixel16 kSolidClass{kFull16, 0, 0, kFull16};
 constexpr PF_Pixel16 kFilledClass{kFull16, 0, kClassFilled, 0};
 constexpr PF_Pixel16 kKeptClass{kFull16, 0, kClassKept, 0};
 constexpr PF_Pixel16 kExtendedClass{kFull16, 0, kClassExtended, 0};
-constexpr PF_Pixel16 kClear{0, 0, 0, 0};
 
 bool
 isSolidClass(const PF_Pixel16& p) {
@@ -24,17 +22,18 @@ isSolidClass(const PF_Pixel16& p) {
 // in row y of the world (row 0 of the table is all zero and not stored).
 class SolidCounts {
   public:
-    explicit SolidCounts(PF_LayerDef* scratch) : scratch_(scratch) {}
-
-    // Table row y + 1 from classification row y (rows are added top to bottom).
-    void addRow(A_long y, const PF_Pixel16* cls, A_long width) {
-        uint32_t* sums = tableRow(y + 1);
-        const uint32_t* above = y > 0 ? tableRow(y) : nullptr;
-        uint32_t run = 0;
-        sums[0] = 0;
-        for (A_long x = 0; x < width; ++x) {
-            run += isSolidClass(cls[x]) ? 1u : 0u;
-            sums[x + 1] = run + (above ? above[x + 1] : 0u);
+    SolidCounts(PF_LayerDef* scratch, PF_LayerDef* classification, A_long width, A_long height)
+        : scratch_(scratch), width_(width), height_(height) {
+        for (A_long y = 0; y < height; ++y) {
+            const PF_Pixel16* cls = row16(classification, y);
+            uint32_t* sums = tableRow(y + 1);
+            const uint32_t* above = y > 0 ? tableRow(y) : nullptr;
+            uint32_t run = 0;
+            sums[0] = 0;
+            for (A_long x = 0; x < width; ++x) {
+                run += isSolidClass(cls[x]) ? 1u : 0u;
+                sums[x + 1] = run + (above ? above[x + 1] : 0u);
+            }
         }
     }
 
@@ -56,92 +55,9 @@ class SolidCounts {
     }
 
     PF_LayerDef* scratch_;
+    A_long width_;
+    A_long height_;
 };
-
-// What classifyRedMask makes of one pixel within the limits (alpha may be marked for the
-// colour-info view).
-struct Classifier {
-    bool noFurtherProcessing;
-    bool showColorInfo;
-    float colorTolerance;
-    A_u_short edgeThreshold;
-
-    PF_Pixel16 operator()(const PF_Pixel16& m, PF_Pixel16& alpha) const {
-        if (noFurtherProcessing) {
-            return alpha.alpha < edgeThreshold ? kClear : kSolidClass;
-        }
-        if (m.red == kRedOpen && m.blue == kBlueRemovedBlob) {
-            if (showColorInfo) {
-                alpha.alpha = kAlphaFilledInfo;
-            }
-            return kFilledClass;
-        }
-        if (m.red == kRedOpen && m.green == 0 && m.blue == 0) {
-            // Without a colour range an open pixel stays transparent and no later rule is
-            // tried.
-            if (colorTolerance > 0.0f) {
-                return alpha.alpha < edgeThreshold ? m : kSolidClass;
-            }
-            return kClear;
-        }
-        if (m.blue == kFull16 && m.red == 0 && m.green == 0) {
-            return showColorInfo ? kKeptClass : kSolidClass;
-        }
-        return kClear;
-    }
-};
-
-// Smart extend's work for one filled pixel (x, y): every solid pixel within se of it that no
-// filled pixel visited before is decided, extended when its own square is thin.
-struct Extender {
-    PF_LayerDef* classification;
-    PF_LayerDef* redMask;
-    const SolidCounts& counts;
-    A_long se;
-    A_long xMax;
-    A_long yMax;
-
-    void visitAround(A_long x, A_long y) const {
-        const uint32_t thin = static_cast<uint32_t>(se * se * 3);
-        const A_long qy0 = std::max<A_long>(0, y - se);
-        const A_long qy1 = std::min<A_long>(yMax, y + se);
-        const A_long qx0 = std::max<A_long>(0, x - se);
-        const A_long qx1 = std::min<A_long>(xMax, x + se);
-        // No solid pixel in reach: nothing to visit.
-        if (counts.count(qx0, qy0, qx1, qy1) == 0) {
-            return;
-        }
-        for (A_long qy = qy0; qy <= qy1; ++qy) {
-            PF_Pixel16* cls = row16(classification, qy);
-            PF_Pixel16* mask = row16(redMask, qy);
-            for (A_long qx = qx0; qx <= qx1; ++qx) {
-                PF_Pixel16& q = cls[qx];
-                if (q.alpha != kFull16 || q.blue != kFull16) {
-                    continue;
-                }
-                const uint32_t solid =
-                    counts.count(std::max<A_long>(0, qx - se), std::max<A_long>(0, qy - se),
-                                 std::min<A_long>(xMax, qx + se), std::min<A_long>(yMax, qy + se));
-                mask[qx] = solid < thin ? kExtendedClass : q;
-                q.alpha = kClassVisited;
-            }
-        }
-    }
-};
-
-// Columns [left, right] of row y that the limits cover (empty when right < left).
-struct RowSpan {
-    A_long left;
-    A_long right;
-};
-
-RowSpan
-limitsSpan(const FillLimitsArray* limits, A_long y, A_long width) {
-    if (y < limits->firstRow || y > limits->lastRow) {
-        return {width, -1};
-    }
-    return {limits->left[y], limits->right[y]};
-}
 
 }  // namespace
 
@@ -149,23 +65,43 @@ void
 classifyRedMask(PF_LayerDef* classification, PF_LayerDef* redMask, PF_LayerDef* alphaWorld,
                 FillLimitsArray* limits, bool noFurtherProcessing, bool showColorInfo,
                 float colorTolerance, A_u_short edgeThreshold) {
-    const Classifier classify{noFurtherProcessing, showColorInfo, colorTolerance, edgeThreshold};
+    constexpr PF_Pixel16 kClear{0, 0, 0, 0};
     const A_long width = classification->width;
     // One sweep: each row is cleared outside its limits and classified inside them, so every
     // pixel is written once, as clearing the whole world first and then classifying gives.
     for (A_long y = 0; y < classification->height; ++y) {
         PF_Pixel16* cls = row16(classification, y);
-        const RowSpan span = limitsSpan(limits, y, width);
-        const A_long clearEnd = std::clamp<A_long>(span.left, 0, width);
+        const bool rowInside = y >= limits->firstRow && y <= limits->lastRow;
+        const A_long left = rowInside ? limits->left[y] : width;
+        const A_long right = rowInside ? limits->right[y] : -1;
+        const A_long clearEnd = std::clamp<A_long>(left, 0, width);
         std::fill(cls, cls + clearEnd, kClear);
-        if (span.left <= span.right) {
+        if (left <= right) {
             const PF_Pixel16* mask = row16(redMask, y);
             PF_Pixel16* alpha = row16(alphaWorld, y);
-            for (A_long x = span.left; x <= span.right; ++x) {
-                cls[x] = classify(mask[x], alpha[x]);
+            for (A_long x = left; x <= right; ++x) {
+                const PF_Pixel16 m = mask[x];
+                PF_Pixel16 c = kClear;
+                if (noFurtherProcessing) {
+                    c = alpha[x].alpha < edgeThreshold ? kClear : kSolidClass;
+                } else if (m.red == kRedOpen && m.blue == kBlueRemovedBlob) {
+                    c = kFilledClass;
+                    if (showColorInfo) {
+                        alpha[x].alpha = kAlphaFilledInfo;
+                    }
+                } else if (m.red == kRedOpen && m.green == 0 && m.blue == 0) {
+                    // Without a colour range an open pixel stays transparent and no later
+                    // rule is tried.
+                    if (colorTolerance > 0.0f) {
+                        c = alpha[x].alpha < edgeThreshold ? m : kSolidClass;
+                    }
+                } else if (m.blue == kFull16 && m.red == 0 && m.green == 0) {
+                    c = showColorInfo ? kKeptClass : kSolidClass;
+                }
+                cls[x] = c;
             }
         }
-        const A_long clearFrom = std::clamp<A_long>(std::max(span.right + 1, clearEnd), 0, width);
+        const A_long clearFrom = std::clamp<A_long>(std::max(right + 1, clearEnd), 0, width);
         std::fill(cls + clearFrom, cls + width, kClear);
     }
 }
@@ -173,12 +109,12 @@ classifyRedMask(PF_LayerDef* classification, PF_LayerDef* redMask, PF_LayerDef* 
 void
 smartExtendRemovals(PF_LayerDef* classification, PF_LayerDef* redMask, PF_LayerDef* scratch,
                     FillLimitsArray* limits, int width, int height, int smartExtend) {
+    const A_long se = smartExtend;
+    const A_long xMax = width - 1;
+    const A_long yMax = height - 1;
+    const uint32_t thin = static_cast<uint32_t>(se * se * 3);
     // Classes' blue never changes here (only the visited alpha), so counts taken once hold.
-    SolidCounts counts(scratch);
-    for (A_long y = 0; y < height; ++y) {
-        counts.addRow(y, row16(classification, y), width);
-    }
-    const Extender extender{classification, redMask, counts, smartExtend, width - 1, height - 1};
+    const SolidCounts counts(scratch, classification, width, height);
     for (A_long y = limits->firstRow; y <= limits->lastRow; ++y) {
         PF_Pixel16* clsRow = row16(classification, y);
         PF_Pixel16* maskRow = row16(redMask, y);
@@ -191,73 +127,29 @@ smartExtendRemovals(PF_LayerDef* classification, PF_LayerDef* redMask, PF_LayerD
                 }
                 continue;
             }
-            extender.visitAround(x, y);
+            const A_long qy0 = std::max<A_long>(0, y - se);
+            const A_long qy1 = std::min<A_long>(yMax, y + se);
+            const A_long qx0 = std::max<A_long>(0, x - se);
+            const A_long qx1 = std::min<A_long>(xMax, x + se);
+            // No solid pixel in reach: nothing to visit.
+            if (counts.count(qx0, qy0, qx1, qy1) != 0) {
+                for (A_long qy = qy0; qy <= qy1; ++qy) {
+                    PF_Pixel16* cls = row16(classification, qy);
+                    PF_Pixel16* mask = row16(redMask, qy);
+                    for (A_long qx = qx0; qx <= qx1; ++qx) {
+                        PF_Pixel16& q = cls[qx];
+                        if (q.alpha != kFull16 || q.blue != kFull16) {
+                            continue;
+                        }
+                        const uint32_t solid = counts.count(
+                            std::max<A_long>(0, qx - se), std::max<A_long>(0, qy - se),
+                            std::min<A_long>(xMax, qx + se), std::min<A_long>(yMax, qy + se));
+                        mask[qx] = solid < thin ? kExtendedClass : q;
+                        q.alpha = kClassVisited;
+                    }
+                }
+            }
             maskRow[x] = kFilledClass;
-        }
-    }
-}
-
-void
-classifyRedMaskThenSmartExtend(PF_LayerDef* classification, PF_LayerDef* redMask,
-                               PF_LayerDef* alphaWorld, PF_LayerDef* scratch,
-                               FillLimitsArray* limits, bool noFurtherProcessing,
-                               bool showColorInfo, float colorTolerance, A_u_short edgeThreshold,
-                               int smartExtend) {
-    const Classifier classify{noFurtherProcessing, showColorInfo, colorTolerance, edgeThreshold};
-    const A_long width = classification->width;
-    const A_long height = classification->height;
-    // Smart extend copies every class with alpha 32768 within the limits into the red mask;
-    // a visit later overwrites what it decides. Classes are written to the red mask here, as
-    // they are made: a later visit of a pixel overwrites its copy just as it would have
-    // overwritten (or made unnecessary) the copy in a separate sweep. Per row, the first and
-    // last filled columns are kept, so the visits then look at those columns only.
-    std::array<RowSpan, FILL_LIMITS_MAX_ROWS> filled;
-    SolidCounts counts(scratch);
-    // Without a reach no filled pixel has a solid pixel in its square: nothing is visited and
-    // no counts are needed.
-    const bool counting = smartExtend != 0;
-    for (A_long y = 0; y < height; ++y) {
-        PF_Pixel16* cls = row16(classification, y);
-        const RowSpan span = limitsSpan(limits, y, width);
-        const A_long clearEnd = std::clamp<A_long>(span.left, 0, width);
-        std::fill(cls, cls + clearEnd, kClear);
-        RowSpan rowFilled{width, -1};
-        if (span.left <= span.right) {
-            PF_Pixel16* mask = row16(redMask, y);
-            PF_Pixel16* alpha = row16(alphaWorld, y);
-            for (A_long x = span.left; x <= span.right; ++x) {
-                const PF_Pixel16 c = classify(mask[x], alpha[x]);
-                cls[x] = c;
-                if (c.alpha == kFull16) {
-                    mask[x] = c;
-                }
-                if (c.green == kClassFilled) {
-                    rowFilled.left = std::min(rowFilled.left, x);
-                    rowFilled.right = x;
-                }
-            }
-        }
-        const A_long clearFrom = std::clamp<A_long>(std::max(span.right + 1, clearEnd), 0, width);
-        std::fill(cls + clearFrom, cls + width, kClear);
-        if (y < FILL_LIMITS_MAX_ROWS) {
-            filled[y] = rowFilled;
-        }
-        if (counting) {
-            counts.addRow(y, cls, width);
-        }
-    }
-    if (!counting) {
-        return;
-    }
-    const Extender extender{classification, redMask, counts, smartExtend, width - 1, height - 1};
-    for (A_long y = std::max<A_long>(limits->firstRow, 0);
-         y <= std::min<A_long>(limits->lastRow, std::min<A_long>(height, FILL_LIMITS_MAX_ROWS) - 1);
-         ++y) {
-        const PF_Pixel16* cls = row16(classification, y);
-        for (A_long x = filled[y].left; x <= filled[y].right; ++x) {
-            if (cls[x].green == kClassFilled) {
-                extender.visitAround(x, y);
-            }
         }
     }
 }

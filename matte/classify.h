@@ -33,13 +33,3 @@ void classifyRedMask(PF_LayerDef* classification, PF_LayerDef* redMask, PF_Layer
 //          world of the frame's size does); its contents are destroyed
 void smartExtendRemovals(PF_LayerDef* classification, PF_LayerDef* redMask, PF_LayerDef* scratch,
                          FillLimitsArray* limits, int width, int height, int smartExtend);
-
-// classifyRedMask followed by smartExtendRemovals(classification, redMask, scratch, limits,
-// classification's width and height, smartExtend), in one sweep over the frame and a second
-// pass over the filled pixels only. The result is that of the two steps in turn, except that
-// scratch is left as it was when smartExtend is 0.
-void classifyRedMaskThenSmartExtend(PF_LayerDef* classification, PF_LayerDef* redMask,
-                                    PF_LayerDef* alphaWorld, PF_LayerDef* scratch,
-                                    FillLimitsArray* limits, bool noFurtherProcessing,
-                                    bool showColorInfo, float colorTolerance,
-                                    A_u_short edgeThreshold, int smartExtend);

@@ -347,24 +347,20 @@ Render(PF_InData* in_data, PF_OutData* out_data, PF_ParamDef* params[], PF_Layer
     if (s.footageIs == FOOTAGE_IS_EXCELLENT) {
         copyWorldToWorld(&workingInput, &alphaWorld);
     } else {
-        // The blur of a copy of the working input, made with the scratch world as the
-        // ping-pong buffer, streamed: only the alpha world is written whole.
-        gaussOptimisedBlurStreamed(in_data, &workingInput, &alphaWorld, &classification,
-                                   &container->segmentArray, s.blurRadius,
-                                   &container->dividerArray);
+        // The blur of a copy of the working input in the scratch world, reading the working
+        // input itself.
+        gaussOptimisedBlurCopyFromSegments(
+            in_data, &classification, &alphaWorld, &container->segmentArray, 0, s.blurRadius, true,
+            false, &container->bfgArray, &container->dividerArray, &workingInput);
     }
-    // The scratch world's alphas as the blur would leave them: each pass carries the alphas of
-    // its input, so they are the working input's; without the blur the world is still new.
-    PF_LayerDef* scratchAlphas =
-        s.footageIs == FOOTAGE_IS_EXCELLENT ? &classification : &workingInput;
     populateAndInitialise_FillLimitsFromIncomingAlpha(&alphaWorld, limits, s.solidThreshold);
 
     // 13. Pre-clean.
     if (s.preCleanSize >= 1) {
         // The alpha ramp and the copy back into the alpha world (zeroing alphas 1..4 in
         // "Show color info "), in one sweep.
-        preCleanAlphaRampAndCopyBack(&alphaWorld, &nextFrame, scratchAlphas, limits, width, height,
-                                     colorInfoView);
+        preCleanAlphaRampAndCopyBack(&alphaWorld, &nextFrame, &classification, limits, width,
+                                     height, colorInfoView);
         // Isolated specks, then the red mask rewritten from the alpha world (open below the
         // solid threshold), in one sweep.
         killIsolatedSpecksThenCopyAlphaToRedMask(&alphaWorld, &redMask, height, width, limits,
@@ -418,9 +414,9 @@ Render(PF_InData* in_data, PF_OutData* out_data, PF_ParamDef* params[], PF_Layer
     }
 
     // 18, 19. Classification and smart extend.
-    classifyRedMaskThenSmartExtend(&classification, &redMask, &alphaWorld, &spare, limits,
-                                   noFurtherProcessing, colorInfoView, s.colorTolerance,
-                                   s.edgeThreshold, s.smartExtend);
+    classifyRedMask(&classification, &redMask, &alphaWorld, limits, noFurtherProcessing,
+                    colorInfoView, s.colorTolerance, s.edgeThreshold);
+    smartExtendRemovals(&classification, &redMask, &spare, limits, width, height, s.smartExtend);
 
     // 20. Edge shaping of the blue plane.
     if (!colorInfoView) {
