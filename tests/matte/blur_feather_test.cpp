@@ -14,10 +14,7 @@
 
 namespace {
 
-using qtest::kAlpha;
-using qtest::kBlue;
-using qtest::kRed;
-using qtest::OwnedWorld;
+using namespace qtest;
 
 // Sigma and the three box widths of each level (level 0 unused).
 constexpr float kSigma[9] = {0.0f, 0.1f, 0.1f, 0.6f, 1.3f, 1.7f, 2.0f, 2.4f, 3.0f};
@@ -121,7 +118,7 @@ plainFeather(PF_LayerDef* redMask, int r, bool blurBlack, const FillLimitsArray&
 void
 feather(OwnedWorld& redMask, int radius, bool blurBlack, const FillLimitsArray& limits,
         OwnedWorld& scratch) {
-    qtest::AnsiInData in;
+    AnsiInData in;
     FillLimitsArray copy = limits;
     boxblur_RedmaskEdgeBlue(in.get(), redMask, redMask.width(), redMask.height(),
                             redMask.height() - 1, radius, blurBlack, &copy, scratch);
@@ -133,7 +130,7 @@ feather(OwnedWorld& redMask, int radius, bool blurBlack, const FillLimitsArray& 
 void
 expectBlurMatches(const OwnedWorld& start, const OwnedWorld& destination,
                   const SegmentArray& segments, int margin, int level, bool init, bool skip) {
-    qtest::AnsiInData in;
+    AnsiInData in;
     auto plainSegments = std::make_unique<SegmentArray>(segments);
     auto fastSegments = std::make_unique<SegmentArray>(segments);
     BFGarray bfg;
@@ -152,8 +149,8 @@ expectBlurMatches(const OwnedWorld& start, const OwnedWorld& destination,
                                            mode == 0   ? nullptr
                                            : mode == 1 ? start.get()
                                                        : out.get());
-        ASSERT_TRUE(qtest::SameWorld(plainDst, out));
-        ASSERT_TRUE(qtest::SameWorld(plainSrc, src)) << "second pass left in the source";
+        ASSERT_TRUE(SameWorld(plainDst, out));
+        ASSERT_TRUE(SameWorld(plainSrc, src)) << "second pass left in the source";
         ASSERT_TRUE(out.paddingIntact() && src.paddingIntact());
         ASSERT_EQ(0, std::memcmp(plainSegments.get(), fastSegments.get(), sizeof(SegmentArray)));
     }
@@ -161,7 +158,7 @@ expectBlurMatches(const OwnedWorld& start, const OwnedWorld& destination,
 
 // Colour channels anywhere in 0..65535, so that cuts and limits are exercised too.
 uint16_t
-anyValue(std::mt19937& rng, qtest::Channel) {
+anyValue(std::mt19937& rng, Channel) {
     const unsigned r = rng() % 8;
     return static_cast<uint16_t>(r == 0 ? 0 : r == 1 ? 32768 : r == 2 ? rng() : rng() % 32769);
 }
@@ -169,7 +166,7 @@ anyValue(std::mt19937& rng, qtest::Channel) {
 int gSqrtCalls = 0, gFloorCalls = 0;
 
 TEST(BoxesForGauss, gives_the_box_widths_of_every_level_through_the_host_maths) {
-    qtest::AnsiInData in;
+    AnsiInData in;
     in.utils.ansi.sqrt = [](A_FpLong v) { return ++gSqrtCalls, std::sqrt(v); };
     in.utils.ansi.floor = [](A_FpLong v) { return ++gFloorCalls, std::floor(v); };
     for (int level = 1; level <= 8; ++level) {
@@ -193,14 +190,14 @@ TEST(NoiseBlur, windows_shrink_at_the_frame_edge_and_round_half_up) {
     auto segments = std::make_unique<SegmentArray>();
     BFGarray bfg;
     DividerArray dividers;
-    qtest::AnsiInData in;
+    AnsiInData in;
     gaussOptimisedBlurCopyFromSegments(in.get(), src, dst, segments.get(), 0, 1, true, false, &bfg,
                                        &dividers);
-    EXPECT_EQ(qtest::toNumbers(dst, kRed), "24576 24576\n24576 24576\n");
-    EXPECT_EQ(qtest::toNumbers(dst, qtest::kGreen), "1 1\n1 1\n");
-    EXPECT_EQ(qtest::toNumbers(dst, kBlue), "1 1\n1 1\n");
-    EXPECT_EQ(qtest::toNumbers(dst, kAlpha), "11 22\n33 44\n");
-    EXPECT_EQ(qtest::toNumbers(src, kAlpha), "11 22\n33 44\n");
+    EXPECT_EQ(toNumbers(dst, kRed), "24576 24576\n24576 24576\n");
+    EXPECT_EQ(toNumbers(dst, kGreen), "1 1\n1 1\n");
+    EXPECT_EQ(toNumbers(dst, kBlue), "1 1\n1 1\n");
+    EXPECT_EQ(toNumbers(dst, kAlpha), "11 22\n33 44\n");
+    EXPECT_EQ(toNumbers(src, kAlpha), "11 22\n33 44\n");
     EXPECT_FLOAT_EQ(1.0f / 9.0f, dividers.reciprocal[9]);
 }
 
@@ -244,10 +241,9 @@ TEST(NoiseBlur, matches_the_full_window_sums_at_every_level_size_and_segment_lay
                 }
                 SCOPED_TRACE(::testing::Message()
                              << w << "x" << h << " L" << level << (wide ? " wide" : ""));
-                expectBlurMatches(
-                    qtest::randomWorld(w, h, seed, anyValue),
-                    whole ? OwnedWorld(w, h) : qtest::randomWorld(w, h, seed + 1, anyValue),
-                    *segments, whole ? 0 : pick(0, 3), level, whole, seed % 3 != 0);
+                expectBlurMatches(randomWorld(w, h, seed, anyValue),
+                                  whole ? OwnedWorld(w, h) : randomWorld(w, h, seed + 1, anyValue),
+                                  *segments, whole ? 0 : pick(0, 3), level, whole, seed % 3 != 0);
                 if (HasFatalFailure()) return;
             }
         }
@@ -261,9 +257,9 @@ TEST(Feather, a_straight_edge_is_averaged_over_the_frozen_plane_and_rounded_down
     // them: blue 0.
     const char* row = "##########..........";
     for (int left : {0, 9}) {
-        OwnedWorld m = qtest::fromArt({row, row, row, row, row}, kBlue), scratch(20, 5);
+        OwnedWorld m = fromArt({row, row, row, row, row}, kBlue), scratch(20, 5);
         m.fillChannel(kAlpha, 111);
-        feather(m, 1, false, *qtest::boxLimits(left, 0, 19, 4), scratch);
+        feather(m, 1, false, *boxLimits(left, 0, 19, 4), scratch);
         for (int y = 0; y < 5; ++y) {
             for (int x = 0; x < 20; ++x) {
                 const int blue = x == 8 && left == 9 ? 0
@@ -277,10 +273,10 @@ TEST(Feather, a_straight_edge_is_averaged_over_the_frozen_plane_and_rounded_down
         }
     }
     // Blue only on the frame's outermost column is never an edge.
-    OwnedWorld side = qtest::fromArt({"#.....", "#.....", "#....."}, kBlue), before = side;
+    OwnedWorld side = fromArt({"#.....", "#.....", "#....."}, kBlue), before = side;
     OwnedWorld scratch(6, 3);
-    feather(side, 3, false, *qtest::wholeFrameLimits(6, 3), scratch);
-    EXPECT_TRUE(qtest::SameWorld(before, side));
+    feather(side, 3, false, *wholeFrameLimits(6, 3), scratch);
+    EXPECT_TRUE(SameWorld(before, side));
 }
 
 // Runs the plain and the fast feather on copies of the same worlds and compares both.
@@ -290,8 +286,8 @@ expectFeatherMatches(const OwnedWorld& start, int radius, bool black, const Fill
     OwnedWorld expected = start, actual = start, expectedScratch = scratch, actualScratch = scratch;
     plainFeather(expected, radius, black, limits, expectedScratch);
     feather(actual, radius, black, limits, actualScratch);
-    ASSERT_TRUE(qtest::SameWorld(expected, actual));
-    ASSERT_TRUE(qtest::SameWorld(expectedScratch, actualScratch));
+    ASSERT_TRUE(SameWorld(expected, actual));
+    ASSERT_TRUE(SameWorld(expectedScratch, actualScratch));
     ASSERT_TRUE(actual.paddingIntact() && actualScratch.paddingIntact());
 }
 
@@ -306,9 +302,8 @@ TEST(Feather, matches_the_plain_squares_and_sums_on_random_planes) {
         for (int radius : radii) {
             for (int round = 0; round < 2 && (w < 4200 || radius < 40); ++round, ++seed) {
                 // A coarse random blue plane, so edges are lines and specks, not noise.
-                OwnedWorld start = qtest::randomWorld(
-                    w, h, seed,
-                    [](std::mt19937& g, qtest::Channel) { return uint16_t(g() % 30000); });
+                OwnedWorld start = randomWorld(
+                    w, h, seed, [](std::mt19937& g, Channel) { return uint16_t(g() % 30000); });
                 const int cell = 1 + static_cast<int>(std::mt19937(seed)() % 6);
                 for (int y = 0; y < h; ++y) {
                     for (int x = 0; x < w; ++x) {
@@ -317,11 +312,10 @@ TEST(Feather, matches_the_plain_squares_and_sums_on_random_planes) {
                         start.set(kBlue, x, y, (v >> 28) < 7 ? 32768 : (v >> 28) < 15 ? 0 : 20000);
                     }
                 }
-                auto limits =
-                    round == 0 ? qtest::wholeFrameLimits(w, h) : qtest::randomLimits(w, h, seed);
+                auto limits = round == 0 ? wholeFrameLimits(w, h) : randomLimits(w, h, seed);
                 SCOPED_TRACE(::testing::Message() << w << "x" << h << " r" << radius);
                 expectFeatherMatches(start, radius, seed % 4 == 0, *limits,
-                                     qtest::randomWorld(w, h, seed + 3, anyValue));
+                                     randomWorld(w, h, seed + 3, anyValue));
                 if (HasFatalFailure()) return;
             }
         }
@@ -331,8 +325,7 @@ TEST(Feather, matches_the_plain_squares_and_sums_on_random_planes) {
     // the pixel-by-pixel edge test. One edge pixel, one limits row to average.
     OwnedWorld single(20000, 3);
     single.set(kBlue, 10000, 1, 32768), single.set(kBlue, 10001, 1, 20000);
-    expectFeatherMatches(single, 6200, false, *qtest::boxLimits(10000, 1, 10001, 1),
-                         OwnedWorld(20000, 3));
+    expectFeatherMatches(single, 6200, false, *boxLimits(10000, 1, 10001, 1), OwnedWorld(20000, 3));
 }
 
 }  // namespace

@@ -8,11 +8,7 @@
 
 namespace {
 
-using qtest::kAlpha;
-using qtest::kBlue;
-using qtest::kGreen;
-using qtest::kRed;
-using qtest::OwnedWorld;
+using namespace qtest;
 
 PF_Pixel16
 rgb(int r, int g, int b) {
@@ -23,7 +19,7 @@ const PF_Pixel16 kBlack = rgb(0, 0, 0);
 
 Pix16LineRange
 built(PF_Pixel16 hi, PF_Pixel16 mid, PF_Pixel16 lo, float tolerance) {
-    qtest::AnsiInData in;
+    AnsiInData in;
     Pix16LineRange range;
     clearPix16LineRange(&range);
     makePix16LineRangeWithOptionalMid(in.get(), &range, &hi, &mid, &lo, 640.0f, 1.0f, 0, tolerance);
@@ -111,25 +107,29 @@ TEST(ColourRangeTest,
 }
 
 TEST(ColourRangeTest, segment_distance_allows_only_near_ends_past_them) {
-    // Segment (10000,10000,10000) -> (20000,10000,10000), allowance 500 / 10000, tolerance 500.
-    // Rejected colours leave the distance untouched (-1); t is always written.
+    // Segment (10000,10000,10000) -> (20000,10000,10000), tolerance 500, allowance past the
+    // ends in segment lengths. Rejected colours leave the distance untouched (-1); t is always
+    // written.
     struct Case {
         XYZ point;
+        float beyond;
         bool accepted;
         float t, distSq;
     };
     const Case cases[] = {
-        {{12500, 10400, 10000}, true, 0.25f, 160000.0f},  // inside: to the perpendicular foot
-        {{9400, 10000, 10000}, false, -0.06f, -1.0f},     // past the allowance
-        {{9700, 10100, 10000}, true, -0.03f, 10000.0f},   // within it, near the end: unclamped t
-        {{20300, 10450, 10000}, false, 1.03f, -1.0f},     // within it but far from both ends
+        {{12500, 10400, 10000}, 0.05f, true, 0.25f, 160000.0f},  // inside: to the foot
+        {{9400, 10000, 10000}, 0.05f, false, -0.06f, -1.0f},     // past the allowance
+        {{20300, 10000, 10000}, 0.01f, false, 1.03f, -1.0f},     // past it, though near b
+        {{9700, 10100, 10000}, 0.05f, true, -0.03f, 10000.0f},   // near the end: unclamped t
+        {{20300, 10450, 10000}, 0.05f, false, 1.03f, -1.0f},     // far from both ends
     };
     XYZ a{10000, 10000, 10000}, b{20000, 10000, 10000};
     for (const Case& k : cases) {
         XYZ point = k.point;
         float distSq = -1.0f, t = -1.0f;
-        EXPECT_EQ(DistancePointLineSqAllowBeyondEnds(&point, &a, &b, &distSq, 0.05f, &t, 250000.0f),
-                  k.accepted);
+        EXPECT_EQ(
+            DistancePointLineSqAllowBeyondEnds(&point, &a, &b, &distSq, k.beyond, &t, 250000.0f),
+            k.accepted);
         EXPECT_FLOAT_EQ(t, k.t);
         EXPECT_FLOAT_EQ(distSq, k.distSq);
     }
@@ -156,15 +156,15 @@ TEST(ColourRestriction, keeps_in_range_solids_and_opens_the_rest) {
     // Tolerance 0 or an empty range: nothing happens.
     restrictBlacksInRedMaskToInsideAmBVector(colours, nullptr, mask, &range, 2, 3, nullptr, 0.0f);
     restrictBlacksInRedMaskToInsideAmBVector(colours, nullptr, mask, &empty, 2, 3, nullptr, 500.0f);
-    EXPECT_TRUE(qtest::SameWorld(before, mask));
+    EXPECT_TRUE(SameWorld(before, mask));
 
     // Only rows 0..1 (height 2) and columns 0..2 are visited; alpha never changes.
     restrictBlacksInRedMaskToInsideAmBVector(colours, nullptr, mask, &range, 2, 2, nullptr, 500.0f);
-    EXPECT_EQ(qtest::toArt(mask, kRed), ".##.\n.#..\n....\n");
-    EXPECT_EQ(qtest::toArt(mask, kGreen), "..??\n...?\n????\n");
-    EXPECT_EQ(qtest::toArt(mask, kBlue), "..??\n...?\n????\n");
-    EXPECT_TRUE(qtest::SamePlane(before, mask, kAlpha));
-    EXPECT_EQ(qtest::toNumbers(mask, kGreen).substr(0, 12), "0 0 32766 5\n");
+    EXPECT_EQ(toArt(mask, kRed), ".##.\n.#..\n....\n");
+    EXPECT_EQ(toArt(mask, kGreen), "..??\n...?\n????\n");
+    EXPECT_EQ(toArt(mask, kBlue), "..??\n...?\n????\n");
+    EXPECT_TRUE(SamePlane(before, mask, kAlpha));
+    EXPECT_EQ(toNumbers(mask, kGreen).substr(0, 12), "0 0 32766 5\n");
     EXPECT_EQ(mask.get(kBlue, 2, 0), 20000);
 }
 

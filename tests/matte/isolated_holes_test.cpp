@@ -11,9 +11,7 @@
 
 namespace {
 
-using qtest::fromArt;
-using qtest::kAlpha;
-using qtest::OwnedWorld;
+using namespace qtest;
 
 // The stage as its description reads: clear the marks, one detection sweep, one apply sweep.
 void
@@ -79,10 +77,10 @@ TEST(IsolatedHoles, candidates_with_fewer_than_two_edge_neighbours_of_their_kind
     };
     for (const Case& k : cases) {
         OwnedWorld matte = fromArt(k.before), scratch(matte.width(), matte.height());
-        auto limits = qtest::wholeFrameLimits(matte.width(), matte.height());
+        auto limits = wholeFrameLimits(matte.width(), matte.height());
         killIsolatedHoles(matte, scratch, matte.width() - 1, matte.height(), matte.height() - 1,
                           matte.width(), matte.width() / 2, k.specks, limits.get(), k.threshold);
-        EXPECT_TRUE(qtest::SamePlane(fromArt(k.after), matte, kAlpha)) << &k - cases;
+        EXPECT_TRUE(SamePlane(fromArt(k.after), matte, kAlpha)) << &k - cases;
     }
 }
 
@@ -93,16 +91,14 @@ TEST(IsolatedHoles, match_the_plain_sweeps_on_random_mattes_also_fused_with_the_
         for (int round = 0; round < 6; ++round, ++seed) {
             const int w = size[0], h = size[1];
             // Sparse mattes: mostly 0, some solid, some faint; scratch with stale marks.
-            const OwnedWorld start =
-                qtest::randomWorld(w, h, seed, [](std::mt19937& rng, qtest::Channel) {
-                    const int r = static_cast<int>(rng() % 10);
-                    return static_cast<uint16_t>(r < 5 ? 0 : r < 8 ? 32768 : rng() % 32769);
-                });
-            const OwnedWorld scratch =
-                qtest::randomWorld(w, h, seed + 99, [](std::mt19937& rng, qtest::Channel) {
-                    return static_cast<uint16_t>(rng() % 3 == 0 ? kIsolatedMark : rng() % 40000);
-                });
-            auto limits = qtest::randomLimits(w, h, seed * 7);
+            const OwnedWorld start = randomWorld(w, h, seed, [](std::mt19937& rng, Channel) {
+                const int r = static_cast<int>(rng() % 10);
+                return static_cast<uint16_t>(r < 5 ? 0 : r < 8 ? 32768 : rng() % 32769);
+            });
+            const OwnedWorld scratch = randomWorld(w, h, seed + 99, [](std::mt19937& rng, Channel) {
+                return static_cast<uint16_t>(rng() % 3 == 0 ? kIsolatedMark : rng() % 40000);
+            });
+            auto limits = randomLimits(w, h, seed * 7);
             const bool specks = round % 2 == 0;
             const auto threshold = static_cast<unsigned short>((seed * 7919) % 32769);
             const int rowBound =
@@ -112,8 +108,8 @@ TEST(IsolatedHoles, match_the_plain_sweeps_on_random_mattes_also_fused_with_the_
             plainKillIsolatedHoles(expected, expectedScratch, rowBound, specks, *limits, threshold);
             killIsolatedHoles(actual, actualScratch, w - 1, rowBound, h - 1, w, w / 2, specks,
                               limits.get(), threshold);
-            ASSERT_TRUE(qtest::SameWorld(expected, actual)) << "seed " << seed;
-            ASSERT_TRUE(qtest::SameWorld(expectedScratch, actualScratch)) << "seed " << seed;
+            ASSERT_TRUE(SameWorld(expected, actual)) << "seed " << seed;
+            ASSERT_TRUE(SameWorld(expectedScratch, actualScratch)) << "seed " << seed;
             ASSERT_TRUE(actual.paddingIntact());
             if (!specks) continue;
 
@@ -125,8 +121,8 @@ TEST(IsolatedHoles, match_the_plain_sweeps_on_random_mattes_also_fused_with_the_
             fusedMask.fill({kIsolatedMark, 1, 2, 3});
             killIsolatedSpecksThenCopyAlphaToRedMask(fused, fusedMask, rowBound, w, limits.get(),
                                                      threshold, threshold, lo, w - 1, h - 1);
-            ASSERT_TRUE(qtest::SameWorld(expected, fused)) << "seed " << seed;
-            ASSERT_TRUE(qtest::SameWorld(expectedScratch, fusedMask)) << "seed " << seed;
+            ASSERT_TRUE(SameWorld(expected, fused)) << "seed " << seed;
+            ASSERT_TRUE(SameWorld(expectedScratch, fusedMask)) << "seed " << seed;
             ASSERT_TRUE(fusedMask.paddingIntact());
         }
     }
