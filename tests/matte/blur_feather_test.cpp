@@ -289,6 +289,14 @@ expectFeatherMatches(const OwnedWorld& start, int radius, bool black, const Fill
     ASSERT_TRUE(SameWorld(expected, actual));
     ASSERT_TRUE(SameWorld(expectedScratch, actualScratch));
     ASSERT_TRUE(actual.paddingIntact() && actualScratch.paddingIntact());
+    // The render's variant, band rows in a ring of scratch rows: the same red mask.
+    OwnedWorld ringed = start, ring = scratch;
+    AnsiInData in;
+    FillLimitsArray copy = limits;
+    boxblur_RedmaskEdgeBlueScratchAsRing(in.get(), ringed, start.width(), start.height(),
+                                         start.height() - 1, radius, black, &copy, ring);
+    ASSERT_TRUE(SameWorld(expected, ringed)) << "scratch as a ring";
+    ASSERT_TRUE(ringed.paddingIntact() && ring.paddingIntact());
 }
 
 TEST(Feather, matches_the_plain_squares_and_sums_on_random_planes) {
