@@ -163,18 +163,12 @@ fromArt(std::initializer_list<const char*> rows, Channel channel, PF_Pixel16 bas
     const int width = height ? static_cast<int>(std::strlen(*rows.begin())) : 0;
     OwnedWorld world(width, height);
     world.fill(base);
-    paintArt(world, rows, channel);
-    return world;
-}
-
-void
-paintArt(OwnedWorld& world, std::initializer_list<const char*> rows, Channel channel)
-{
     int y = 0;
     for (const char* row : rows) {
-        for (int x = 0; x < world.width() && row[x]; ++x) world.set(channel, x, y, artValue(row[x]));
+        for (int x = 0; x < width && row[x]; ++x) world.set(channel, x, y, artValue(row[x]));
         ++y;
     }
+    return world;
 }
 
 std::string
@@ -249,61 +243,6 @@ randomWorld(int width, int height, uint32_t seed,
     return world;
 }
 
-OwnedWorld
-singleSpeck(int width, int height, int x, int y)
-{
-    OwnedWorld w(width, height);
-    w.fill({0, 0, 0, 0});
-    w.set(kAlpha, x, y, 32768);
-    return w;
-}
-
-OwnedWorld
-filledRect(int width, int height, int x0, int y0, int x1, int y1)
-{
-    OwnedWorld w(width, height);
-    w.fill({0, 0, 0, 0});
-    for (int y = y0; y <= y1; ++y)
-        for (int x = x0; x <= x1; ++x) w.set(kAlpha, x, y, 32768);
-    return w;
-}
-
-OwnedWorld
-horizontalLine(int width, int height, int y, int x0, int x1)
-{
-    return filledRect(width, height, x0, y, x1, y);
-}
-
-OwnedWorld
-verticalLine(int width, int height, int x, int y0, int y1)
-{
-    return filledRect(width, height, x, y0, x, y1);
-}
-
-OwnedWorld
-ring(int width, int height, int cx, int cy, int inner, int outer)
-{
-    OwnedWorld w(width, height);
-    w.fill({0, 0, 0, 0});
-    for (int y = 0; y < height; ++y)
-        for (int x = 0; x < width; ++x) {
-            const int d2 = (x - cx) * (x - cx) + (y - cy) * (y - cy);
-            if (d2 >= inner * inner && d2 <= outer * outer) w.set(kAlpha, x, y, 32768);
-        }
-    return w;
-}
-
-OwnedWorld
-horizontalRamp(int width, int height)
-{
-    OwnedWorld w(width, height);
-    for (int y = 0; y < height; ++y)
-        for (int x = 0; x < width; ++x) {
-            const uint16_t v = static_cast<uint16_t>(width > 1 ? (32768L * x) / (width - 1) : 0);
-            w.at(x, y) = {v, v, v, v};
-        }
-    return w;
-}
 
 namespace {
 

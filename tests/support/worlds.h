@@ -62,8 +62,6 @@ private:
 // channels start at `base`.
 OwnedWorld fromArt(std::initializer_list<const char*> rows, Channel channel = kAlpha,
                    PF_Pixel16 base = {0, 0, 0, 0});
-// Sets one channel of an existing world from art of the same size.
-void paintArt(OwnedWorld& world, std::initializer_list<const char*> rows, Channel channel);
 // Default legend: '#' 32768, '.' 0, '0'..'9' as d × 3641 (9 -> 32769 is clamped to 32768).
 uint16_t artValue(char c);
 
@@ -80,14 +78,6 @@ std::string toNumbers(const OwnedWorld& world, Channel channel);
 // Seeded random 16-bit world; `gen` picks each channel value.
 OwnedWorld randomWorld(int width, int height, uint32_t seed,
                        const std::function<uint16_t(std::mt19937&, Channel)>& gen);
-
-// Named generators for the usual suspects, as alpha planes (32768 on, 0 off).
-OwnedWorld singleSpeck(int width, int height, int x, int y);
-OwnedWorld horizontalLine(int width, int height, int y, int x0, int x1);
-OwnedWorld verticalLine(int width, int height, int x, int y0, int y1);
-OwnedWorld filledRect(int width, int height, int x0, int y0, int x1, int y1);
-OwnedWorld ring(int width, int height, int cx, int cy, int inner, int outer);
-OwnedWorld horizontalRamp(int width, int height);
 
 // A PF_InData whose utils carry the ANSI maths (sqrt, floor, ...) and sprintf/strcpy, for
 // stages that take in_data only for those callbacks.
