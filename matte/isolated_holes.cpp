@@ -1,7 +1,10 @@
 #include "matte/isolated_holes.h"
 
-
 #include <algorithm>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 #include "image/pixels.h"
 #include "matte/red_mask.h"
@@ -52,6 +55,43 @@ detectRow(const PF_LayerDef* matte, PF_LayerDef* scratch, A_long y, A_long left,
         marks[x].alpha = markOf<kSpecks>(up, here, down, x, std::max<A_long>(x - 1, 0),
                                          std::min(x + 1, lastColumn), threshold);
     }
+#if defined(__SSE2__)
+    // Four pixels per step: each alpha as a 32-bit lane, each test a lane mask (-1 or 0), so
+    // the company count is the negated sum of four masks.
+    const __m128i alphaLane = _mm_set_epi32(0, 0xFFFF, 0, 0xFFFF);
+    const __m128i limit = _mm_set1_epi32(threshold);
+    const __m128i zero = _mm_setzero_si128();
+    const __m128i minusTwo = _mm_set1_epi32(-2);
+    const __m128i mark = _mm_set1_epi32(kIsolatedMark);
+    const __m128i keepOthers = _mm_set_epi32(-1, ~0xFFFF, -1, ~0xFFFF);
+    auto alphas = [&](const PF_Pixel16* p) {
+        const __m128i a =
+            _mm_and_si128(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)), alphaLane);
+        const __m128i b =
+            _mm_and_si128(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 2)), alphaLane);
+        return _mm_unpacklo_epi64(_mm_shuffle_epi32(a, 0x08), _mm_shuffle_epi32(b, 0x08));
+    };
+    auto company = [&](__m128i a) {
+        return kSpecks ? _mm_cmpgt_epi32(a, zero) : _mm_cmplt_epi32(a, limit);
+    };
+    for (; x + 3 <= innerLast; x += 4) {
+        const __m128i centre = alphas(here + x);
+        const __m128i count = _mm_add_epi32(
+            _mm_add_epi32(company(alphas(here + x - 1)), company(alphas(here + x + 1))),
+            _mm_add_epi32(company(alphas(up + x)), company(alphas(down + x))));
+        const __m128i candidate =
+            kSpecks ? _mm_cmpgt_epi32(centre, limit) : _mm_cmplt_epi32(centre, limit);
+        const __m128i m =
+            _mm_and_si128(_mm_and_si128(candidate, _mm_cmpgt_epi32(count, minusTwo)), mark);
+        // Into the alpha lanes of the four scratch pixels.
+        __m128i* to = reinterpret_cast<__m128i*>(marks + x);
+        _mm_storeu_si128(to, _mm_or_si128(_mm_and_si128(_mm_loadu_si128(to), keepOthers),
+                                          _mm_and_si128(_mm_shuffle_epi32(m, 0x10), alphaLane)));
+        _mm_storeu_si128(to + 1,
+                         _mm_or_si128(_mm_and_si128(_mm_loadu_si128(to + 1), keepOthers),
+                                      _mm_and_si128(_mm_shuffle_epi32(m, 0x32), alphaLane)));
+    }
+#endif
     for (; x <= innerLast; ++x) {
         marks[x].alpha = markOf<kSpecks>(up, here, down, x, x - 1, x + 1, threshold);
     }
@@ -69,7 +109,8 @@ applyRow(PF_LayerDef* matte, PF_LayerDef* scratch, A_long y, A_long left, A_long
          A_u_short newAlpha) {
     PF_Pixel16* here = row16(matte, y);
     PF_Pixel16* marks = row16(scratch, y);
-    for (A_long x = findChannelValueInRow<kChannelAlpha>(marks, left, right, kIsolatedMark); x <= right; x = findChannelValueInRow<kChannelAlpha>(marks, x + 1, right, kIsolatedMark)) {
+    for (A_long x = findChannelValueInRow<kChannelAlpha>(marks, left, right, kIsolatedMark);
+         x <= right; x = findChannelValueInRow<kChannelAlpha>(marks, x + 1, right, kIsolatedMark)) {
         here[x].alpha = newAlpha;
         marks[x].alpha = 0;
     }
@@ -143,8 +184,8 @@ killIsolatedSpecksThenCopyAlphaToRedMask(PF_LayerDef* matte, PF_LayerDef* redMas
     // mark the sweep still needs once that row is final (its marks are applied and cleared).
     sweep<true>(matte, redMask, rowBound, width, *limits, threshold, [&](A_long y) {
         if (y <= yMax) {
-            clearToBlackThenCopyAlphaRowToRedInRedMask(redMask, matte, y, hiThreshold,
-                                                       loThreshold, xMax);
+            clearToBlackThenCopyAlphaRowToRedInRedMask(redMask, matte, y, hiThreshold, loThreshold,
+                                                       xMax);
         }
     });
     // Rows of the rewrite past the matte's own (never in a render) come last.
