@@ -28,9 +28,14 @@ isSolidClass(const PF_Pixel16& p) {
 class SolidCounts {
   public:
     SolidCounts(PF_LayerDef* scratch, PF_LayerDef* classification, A_long width, A_long height)
-        : scratch_(scratch), width_(width), height_(height) {
-        for (A_long y = 0; y < height; ++y) {
-            const PF_Pixel16* cls = row16(classification, y);
+        : scratch_(scratch), classification_(classification), width_(width), height_(height) {}
+
+    // Makes the table's rows for classification rows up to `last` (at most the last row).
+    void buildTo(A_long last) {
+        const A_long width = width_;
+        for (A_long y = built_ + 1; y <= std::min(last, height_ - 1); ++y) {
+            built_ = y;
+            const PF_Pixel16* cls = row16(classification_, y);
             uint32_t* sums = tableRow(y + 1);
             const uint32_t* above = y > 0 ? tableRow(y) : nullptr;
             uint32_t run = 0;
@@ -91,8 +96,10 @@ class SolidCounts {
     }
 
     PF_LayerDef* scratch_;
+    PF_LayerDef* classification_;
     A_long width_;
     A_long height_;
+    A_long built_ = -1;  // rows 0..built_ are in the table
 };
 
 #if defined(__SSE2__)
@@ -216,8 +223,12 @@ smartExtendRemovals(PF_LayerDef* classification, PF_LayerDef* redMask, PF_LayerD
     const A_long yMax = height - 1;
     const uint32_t thin = static_cast<uint32_t>(se * se * 3);
     // Classes' blue never changes here (only the visited alpha), so counts taken once hold.
-    const SolidCounts counts(scratch, classification, width, height);
+    // The table is built just ahead of the rows that need it (row y's squares reach row
+    // y + 2 * se), so each classification row is read for it shortly before the main loop
+    // reads it again, while it is still in the cache.
+    SolidCounts counts(scratch, classification, width, height);
     for (A_long y = limits->firstRow; y <= limits->lastRow; ++y) {
+        counts.buildTo(y + 2 * se);
         PF_Pixel16* clsRow = row16(classification, y);
         PF_Pixel16* maskRow = row16(redMask, y);
         const A_long right = limits->right[y];
@@ -279,4 +290,5 @@ smartExtendRemovals(PF_LayerDef* classification, PF_LayerDef* redMask, PF_LayerD
             step(x);
         }
     }
+    counts.buildTo(height - 1);  // the whole table, as the scratch world is left
 }
