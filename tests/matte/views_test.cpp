@@ -60,6 +60,16 @@ TEST(ResultComposition,
     }
 }
 
+TEST(ResultComposition, multiplies_by_the_fall_off_then_by_it_again) {
+    // (f · a) · f and a · f² differ for a few pairs, such as blue 30800 with alpha 18419:
+    // 16273 against 16272. Five pixels: four taken together, one alone.
+    OwnedWorld input(5, 1), alpha(5, 1), mask(5, 1), out(5, 1);
+    alpha.fillChannel(kAlpha, 18419);
+    mask.fillChannel(kBlue, 30800);
+    composeResultFromBluePlane(out, input, alpha, mask, wholeFrameLimits(5, 1).get(), 5, 1, 0);
+    for (int x = 0; x < 5; ++x) EXPECT_EQ(16273, out.get(kAlpha, x, 0)) << x;
+}
+
 TEST(GreyView, shows_the_result_alpha_inside_the_limits_and_opaque_black_outside) {
     OwnedWorld out(5, 1);
     out.fill({2500, 1000, 2000, 3000});
