@@ -4,7 +4,12 @@
 #include <bit>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <iterator>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 #include "image/pixels.h"
 #include "matte/markers.h"
@@ -104,7 +109,27 @@ class LimitsBuilder {
 inline void
 copyAlphaRowToRedThresholdSolid(PF_Pixel16* maskRow, const PF_Pixel16* alphaRow,
                                 unsigned short threshold, int xMax) {
-    for (int x = 0; x <= xMax; ++x) {
+    int x = 0;
+#if defined(__SSE2__)
+    // Two pixels per register: each pixel's alpha test spread over its four lanes picks the
+    // whole written pixel.
+    const PF_Pixel16 openPair[2] = {kOpenWrittenPixel, kOpenWrittenPixel};
+    const PF_Pixel16 solidPair[2] = {kSolidWrittenPixel, kSolidWrittenPixel};
+    __m128i open;
+    __m128i solid;
+    std::memcpy(&open, openPair, sizeof open);
+    std::memcpy(&solid, solidPair, sizeof solid);
+    const __m128i alphaLane = _mm_set_epi32(0, 0xFFFF, 0, 0xFFFF);
+    const __m128i limit = _mm_set1_epi32(threshold);
+    for (; x + 1 <= xMax; x += 2) {
+        const __m128i a = _mm_and_si128(
+            _mm_loadu_si128(reinterpret_cast<const __m128i*>(alphaRow + x)), alphaLane);
+        const __m128i below = _mm_shuffle_epi32(_mm_cmplt_epi32(a, limit), 0xA0);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(maskRow + x),
+                         _mm_or_si128(_mm_and_si128(below, open), _mm_andnot_si128(below, solid)));
+    }
+#endif
+    for (; x <= xMax; ++x) {
         // An alpha equal to the threshold is solid.
         maskRow[x] = alphaRow[x].alpha < threshold ? kOpenWrittenPixel : kSolidWrittenPixel;
     }
@@ -124,8 +149,7 @@ populateAndInitialise_FillLimitsFromIncomingAlpha(PF_LayerDef* alphaWorld, FillL
 
 void
 clearRemovedBlobsThenRebuildLimitsAndRedMask(PF_LayerDef* alphaWorld, PF_LayerDef* redMask,
-                                             FillLimitsArray* limits,
-                                             unsigned short removedAlpha,
+                                             FillLimitsArray* limits, unsigned short removedAlpha,
                                              unsigned short threshold, int xMax, int yMax) {
     // Every step of row y reads and writes only row y (the clearing reads the old limits of
     // row y before they are rebuilt), so the rows can be taken one at a time.
@@ -137,7 +161,29 @@ clearRemovedBlobsThenRebuildLimitsAndRedMask(PF_LayerDef* alphaWorld, PF_LayerDe
         PF_Pixel16* alpha = row16(alphaWorld, y);
         if (y >= oldFirst && y <= oldLast) {
             const PF_Pixel16* mask = row16(redMask, y);
-            for (int x = limits->left[y]; x <= limits->right[y]; ++x) {
+            const int right = limits->right[y];
+            int x = limits->left[y];
+#if defined(__SSE2__)
+            // Removed pixels are few: four pixels are tested at once and only a group with
+            // one is looked at pixel by pixel.
+            const __m128i removed = _mm_set1_epi16(static_cast<short>(kBlueRemovedBlob));
+            const __m128i blueLanes = _mm_set_epi16(-1, 0, 0, 0, -1, 0, 0, 0);
+            for (; x + 3 <= right; x += 4) {
+                const __m128i a = _mm_cmpeq_epi16(
+                    _mm_loadu_si128(reinterpret_cast<const __m128i*>(mask + x)), removed);
+                const __m128i b = _mm_cmpeq_epi16(
+                    _mm_loadu_si128(reinterpret_cast<const __m128i*>(mask + x + 2)), removed);
+                if (_mm_movemask_epi8(_mm_and_si128(_mm_or_si128(a, b), blueLanes)) == 0) {
+                    continue;
+                }
+                for (int i = x; i < x + 4; ++i) {
+                    if (mask[i].blue == kBlueRemovedBlob) {
+                        alpha[i].alpha = removedAlpha;
+                    }
+                }
+            }
+#endif
+            for (; x <= right; ++x) {
                 if (mask[x].blue == kBlueRemovedBlob) {
                     alpha[x].alpha = removedAlpha;
                 }
@@ -188,8 +234,8 @@ clearToBlackThenCopyAlphaWorldToRedInRedMask(PF_LayerDef* redMask, PF_LayerDef* 
                                              unsigned short hiThreshold, unsigned short loThreshold,
                                              FillLimitsArray* /*limits*/, int xMax, int yMax) {
     for (int y = 0; y <= yMax; ++y) {
-        clearToBlackThenCopyAlphaRowToRedInRedMask(redMask, alphaWorld, y, hiThreshold,
-                                                   loThreshold, xMax);
+        clearToBlackThenCopyAlphaRowToRedInRedMask(redMask, alphaWorld, y, hiThreshold, loThreshold,
+                                                   xMax);
     }
 }
 
@@ -199,7 +245,23 @@ clearToBlackThenCopyAlphaRowToRedInRedMask(PF_LayerDef* redMask, const PF_LayerD
                                            unsigned short loThreshold, int xMax) {
     const PF_Pixel16* alphaRow = row16(alphaWorld, y);
     PF_Pixel16* maskRow = row16(redMask, y);
-    for (int x = 0; x <= xMax; ++x) {
+    int x = 0;
+#if defined(__SSE2__)
+    // Two pixels per register, as in copyAlphaRowToRedThresholdSolid; an open pixel is the
+    // cleared one with red 32768, so it is that red lane under the pixel's test.
+    const __m128i alphaLane = _mm_set_epi32(0, 0xFFFF, 0, 0xFFFF);
+    const int red = static_cast<int>(uint32_t{kRedOpen} << 16);
+    const __m128i openRed = _mm_set_epi32(0, red, 0, red);
+    const __m128i lo = _mm_set1_epi32(loThreshold);
+    const __m128i hi = _mm_set1_epi32(hiThreshold);
+    for (; x + 1 <= xMax; x += 2) {
+        const __m128i a = _mm_and_si128(
+            _mm_loadu_si128(reinterpret_cast<const __m128i*>(alphaRow + x)), alphaLane);
+        const __m128i open = _mm_andnot_si128(_mm_cmplt_epi32(a, lo), _mm_cmplt_epi32(a, hi));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(maskRow + x), _mm_and_si128(open, openRed));
+    }
+#endif
+    for (; x <= xMax; ++x) {
         const A_u_short a = alphaRow[x].alpha;
         maskRow[x] = (loThreshold <= a && a < hiThreshold) ? kOpenClearedPixel : kBlackPixel;
     }
