@@ -142,6 +142,61 @@ findChannelValueInRow(const PF_Pixel16* row, A_long x, A_long last, A_u_short va
     return last + 1;
 }
 
+#if defined(__SSE2__)
+// Four neighbouring 16-bit pixels, two to a register, for stages that work four pixels per
+// step with one channel (or two) as four 32-bit lanes in pixel order.
+struct PixelQuad {
+    __m128i first;   // pixels 0 and 1
+    __m128i second;  // pixels 2 and 3
+};
+
+inline PixelQuad
+loadQuad(const PF_Pixel16* p)
+{
+    return {_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)),
+            _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 2))};
+}
+
+inline void
+storeQuad(PF_Pixel16* p, const PixelQuad& q)
+{
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(p), q.first);
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(p + 2), q.second);
+}
+
+// Each pixel's first 32 bits: its alpha in the low half, its red in the high half.
+inline __m128i
+alphaRedLanes(const PixelQuad& q)
+{
+    return _mm_unpacklo_epi64(_mm_shuffle_epi32(q.first, 0x08), _mm_shuffle_epi32(q.second, 0x08));
+}
+
+inline __m128i
+alphaLanes(const PixelQuad& q)
+{
+    return _mm_and_si128(alphaRedLanes(q), _mm_set1_epi32(0xFFFF));
+}
+
+inline __m128i
+blueLanes(const PixelQuad& q)
+{
+    return _mm_unpacklo_epi64(_mm_shuffle_epi32(_mm_srli_epi64(q.first, 48), 0x08),
+                              _mm_shuffle_epi32(_mm_srli_epi64(q.second, 48), 0x08));
+}
+
+// The quad with each pixel's alpha replaced by the low 16 bits of its lane; other channels
+// as they were.
+inline PixelQuad
+withAlphaLanes(const PixelQuad& q, __m128i alphas)
+{
+    const __m128i alphaLane = _mm_set_epi32(0, 0xFFFF, 0, 0xFFFF);
+    return {_mm_or_si128(_mm_andnot_si128(alphaLane, q.first),
+                         _mm_and_si128(_mm_shuffle_epi32(alphas, 0x10), alphaLane)),
+            _mm_or_si128(_mm_andnot_si128(alphaLane, q.second),
+                         _mm_and_si128(_mm_shuffle_epi32(alphas, 0x32), alphaLane))};
+}
+#endif
+
 // Clamps a neighbour coordinate into 0..last (the frame's edge repeats itself).
 inline A_long
 clampIndex(A_long v, A_long last)

@@ -250,6 +250,8 @@ struct BoxPass {
     template <bool Wide>
     void row(const int32_t* sums, A_long base, A_long y, A_long rows, A_long stripLeft,
              A_long stripRight) const {
+        const PF_Pixel16* src = row16(in, y);
+        PF_Pixel16* dst = row16(out, y);
         const int32_t count = segments->counts[y];
         const int32_t firstSlot = count == 0 ? 0 : 1;
         const int32_t lastSlot = count == 0 ? 0 : std::min(count, kSegmentSlotsPerRow - 1);
@@ -270,21 +272,19 @@ struct BoxPass {
                 continue;
             }
             if (hi - lo < 2 || c1 <= lo || c0 >= hi) {
-                blurRun<Wide>(sums, base, row16(in, y), row16(out, y), rows, c0, c1);
+                blurRun<Wide>(sums, base, src, dst, rows, c0, c1);
                 continue;
             }
             // Columns strictly between lo and hi keep the input pixel.
             if (c0 <= lo) {
-                blurRun<Wide>(sums, base, row16(in, y), row16(out, y), rows, c0, lo);
+                blurRun<Wide>(sums, base, src, dst, rows, c0, lo);
             }
-            const PF_Pixel16* src = row16(in, y);
-            PF_Pixel16* dst = row16(out, y);
             const A_long copyEnd = std::min(hi - 1, c1);
             for (A_long x = std::max(lo + 1, c0); x <= copyEnd; ++x) {
                 dst[x] = src[x];
             }
             if (c1 >= hi) {
-                blurRun<Wide>(sums, base, row16(in, y), row16(out, y), rows, std::max(hi, c0), c1);
+                blurRun<Wide>(sums, base, src, dst, rows, std::max(hi, c0), c1);
             }
         }
     }
@@ -1056,10 +1056,6 @@ runFeather(const Feather<Sum>& feather) {
         feather.writeBack(marked);
     }
 }
-
-}  // namespace
-
-namespace {
 
 // The feather with its band rows in scratch rows 0..ring - 1 (ring > 0), or in the frame's own
 // rows with the rest of the scratch world cleared (ring 0).

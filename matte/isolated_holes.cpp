@@ -58,38 +58,25 @@ detectRow(const PF_LayerDef* matte, PF_LayerDef* scratch, A_long y, A_long left,
 #if defined(__SSE2__)
     // Four pixels per step: each alpha as a 32-bit lane, each test a lane mask (-1 or 0), so
     // the company count is the negated sum of four masks.
-    const __m128i alphaLane = _mm_set_epi32(0, 0xFFFF, 0, 0xFFFF);
     const __m128i limit = _mm_set1_epi32(threshold);
     const __m128i zero = _mm_setzero_si128();
     const __m128i minusTwo = _mm_set1_epi32(-2);
     const __m128i mark = _mm_set1_epi32(kIsolatedMark);
-    const __m128i keepOthers = _mm_set_epi32(-1, ~0xFFFF, -1, ~0xFFFF);
-    auto alphas = [&](const PF_Pixel16* p) {
-        const __m128i a =
-            _mm_and_si128(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)), alphaLane);
-        const __m128i b =
-            _mm_and_si128(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 2)), alphaLane);
-        return _mm_unpacklo_epi64(_mm_shuffle_epi32(a, 0x08), _mm_shuffle_epi32(b, 0x08));
-    };
-    auto company = [&](__m128i a) {
+    auto company = [&](const PF_Pixel16* p) {
+        const __m128i a = alphaLanes(loadQuad(p));
         return kSpecks ? _mm_cmpgt_epi32(a, zero) : _mm_cmplt_epi32(a, limit);
     };
     for (; x + 3 <= innerLast; x += 4) {
-        const __m128i centre = alphas(here + x);
-        const __m128i count = _mm_add_epi32(
-            _mm_add_epi32(company(alphas(here + x - 1)), company(alphas(here + x + 1))),
-            _mm_add_epi32(company(alphas(up + x)), company(alphas(down + x))));
+        const __m128i centre = alphaLanes(loadQuad(here + x));
+        const __m128i count =
+            _mm_add_epi32(_mm_add_epi32(company(here + x - 1), company(here + x + 1)),
+                          _mm_add_epi32(company(up + x), company(down + x)));
         const __m128i candidate =
             kSpecks ? _mm_cmpgt_epi32(centre, limit) : _mm_cmplt_epi32(centre, limit);
         const __m128i m =
             _mm_and_si128(_mm_and_si128(candidate, _mm_cmpgt_epi32(count, minusTwo)), mark);
-        // Into the alpha lanes of the four scratch pixels.
-        __m128i* to = reinterpret_cast<__m128i*>(marks + x);
-        _mm_storeu_si128(to, _mm_or_si128(_mm_and_si128(_mm_loadu_si128(to), keepOthers),
-                                          _mm_and_si128(_mm_shuffle_epi32(m, 0x10), alphaLane)));
-        _mm_storeu_si128(to + 1,
-                         _mm_or_si128(_mm_and_si128(_mm_loadu_si128(to + 1), keepOthers),
-                                      _mm_and_si128(_mm_shuffle_epi32(m, 0x32), alphaLane)));
+        // Into the alpha channels of the four scratch pixels.
+        storeQuad(marks + x, withAlphaLanes(loadQuad(marks + x), m));
     }
 #endif
     for (; x <= innerLast; ++x) {

@@ -43,7 +43,6 @@ flagged(A_long a, bool zeroFlags) {
 A_long
 rampFour(PF_Pixel16* alpha, const PF_Pixel16* next, A_long from, A_long to, bool zeroFlags) {
     const __m128i low16 = _mm_set1_epi32(0xFFFF);
-    const __m128i keepOthers = _mm_set_epi32(-1, ~0xFFFF, -1, ~0xFFFF);
     const __m128i limit1500 = _mm_set1_epi32(1500);
     const __m128i at16000 = _mm_set1_epi32(16000);
     const __m128i at21000 = _mm_set1_epi32(21000);
@@ -51,19 +50,11 @@ rampFour(PF_Pixel16* alpha, const PF_Pixel16* next, A_long from, A_long to, bool
     const __m128 by5000 = _mm_set1_ps(5000.0f);
     const __m128 times21000 = _mm_set1_ps(21000.0f);
     const __m128i flags = zeroFlags ? _mm_set1_epi32(-1) : _mm_setzero_si128();
-    // The first 32-bit lane (alpha, red) of each of the four pixels at p.
-    auto firstLanes = [](const __m128i& pair0, const __m128i& pair1) {
-        return _mm_unpacklo_epi64(_mm_shuffle_epi32(pair0, 0x08), _mm_shuffle_epi32(pair1, 0x08));
-    };
     A_long x = from;
     for (; x + 3 <= to; x += 4) {
-        __m128i* at = reinterpret_cast<__m128i*>(alpha + x);
-        const __m128i p0 = _mm_loadu_si128(at);
-        const __m128i p1 = _mm_loadu_si128(at + 1);
-        const __m128i ar = firstLanes(p0, p1);
-        const __m128i nr =
-            firstLanes(_mm_loadu_si128(reinterpret_cast<const __m128i*>(next + x)),
-                       _mm_loadu_si128(reinterpret_cast<const __m128i*>(next + x + 2)));
+        const PixelQuad pixels = loadQuad(alpha + x);
+        const __m128i ar = alphaRedLanes(pixels);
+        const __m128i nr = alphaRedLanes(loadQuad(next + x));
         const __m128i a = _mm_and_si128(ar, low16);
         const __m128i diff = _mm_sub_epi32(_mm_srli_epi32(ar, 16), _mm_srli_epi32(nr, 16));
         const __m128i sign = _mm_srai_epi32(diff, 31);
@@ -77,13 +68,7 @@ rampFour(PF_Pixel16* alpha, const PF_Pixel16* next, A_long from, A_long to, bool
         __m128i out =
             _mm_or_si128(_mm_and_si128(keep, a), _mm_andnot_si128(_mm_or_si128(keep, below), ramp));
         out = _mm_andnot_si128(_mm_and_si128(flags, _mm_cmplt_epi32(out, five)), out);
-        // Back into the alpha lanes: lanes 0 and 2 of each pair.
-        const __m128i out0 = _mm_shuffle_epi32(out, 0x10);  // o0, o0, o1, o0
-        const __m128i out1 = _mm_shuffle_epi32(out, 0x32);  // o2, o0, o3, o0
-        _mm_storeu_si128(
-            at, _mm_or_si128(_mm_and_si128(p0, keepOthers), _mm_andnot_si128(keepOthers, out0)));
-        _mm_storeu_si128(at + 1, _mm_or_si128(_mm_and_si128(p1, keepOthers),
-                                              _mm_andnot_si128(keepOthers, out1)));
+        storeQuad(alpha + x, withAlphaLanes(pixels, out));
     }
     return x;
 }

@@ -76,59 +76,22 @@ outputRow(PF_LayerDef* world, A_long y, PF_Pixel*) {
 }
 
 #if defined(__SSE2__)
-// Four pixels of the input with their alphas replaced by `alphas` (four 32-bit lanes), as two
-// registers of two pixels.
-struct FourPixels {
-    __m128i first;
-    __m128i second;
-};
-
-inline FourPixels
-withAlphas(const PF_Pixel16* in, __m128i alphas) {
-    const __m128i alphaLane = _mm_set_epi32(0, 0xFFFF, 0, 0xFFFF);
-    const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in));
-    const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + 2));
-    return {_mm_or_si128(_mm_andnot_si128(alphaLane, a),
-                         _mm_and_si128(_mm_shuffle_epi32(alphas, 0x10), alphaLane)),
-            _mm_or_si128(_mm_andnot_si128(alphaLane, b),
-                         _mm_and_si128(_mm_shuffle_epi32(alphas, 0x32), alphaLane))};
-}
-
+// A composed quad into a 16-bit row as it is.
 inline void
-store(PF_Pixel16* out, const FourPixels& p) {
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(out), p.first);
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(out + 2), p.second);
+store(PF_Pixel16* out, const PixelQuad& p) {
+    storeQuad(out, p);
 }
 
 // convertPix16To8WithMaxCheck on every channel: the limit as v - max(v - 32640, 0), so it
 // holds for any 16-bit value, then the shift; the results fit a byte, so the pack is exact.
 inline void
-store(PF_Pixel* out, const FourPixels& p) {
+store(PF_Pixel* out, const PixelQuad& p) {
     const __m128i top = _mm_set1_epi16(static_cast<short>(kFull8As16));
     auto bytes = [&](__m128i v) {
         return _mm_srli_epi16(_mm_sub_epi16(v, _mm_subs_epu16(v, top)), 7);
     };
     _mm_storeu_si128(reinterpret_cast<__m128i*>(out),
                      _mm_packus_epi16(bytes(p.first), bytes(p.second)));
-}
-
-// The first 32-bit lane of each of four pixels, masked to its low 16 bits (the alpha).
-inline __m128i
-alphasOf(const PF_Pixel16* p) {
-    const __m128i alphaLane = _mm_set_epi32(0, 0xFFFF, 0, 0xFFFF);
-    const __m128i a =
-        _mm_and_si128(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)), alphaLane);
-    const __m128i b =
-        _mm_and_si128(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 2)), alphaLane);
-    return _mm_unpacklo_epi64(_mm_shuffle_epi32(a, 0x08), _mm_shuffle_epi32(b, 0x08));
-}
-
-// The blues of four pixels as 32-bit lanes.
-inline __m128i
-bluesOf(const PF_Pixel16* p) {
-    const __m128i a = _mm_srli_epi64(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)), 48);
-    const __m128i b = _mm_srli_epi64(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 2)), 48);
-    return _mm_unpacklo_epi64(_mm_shuffle_epi32(a, 0x08), _mm_shuffle_epi32(b, 0x08));
 }
 
 inline __m128i
@@ -171,7 +134,7 @@ composeRows(PF_LayerDef* output, PF_LayerDef* workingInput, PF_LayerDef* alphaWo
         A_long x = 0;
 #if defined(__SSE2__)
         for (; x + 4 <= insideBegin; x += 4) {
-            store(out + x, withAlphas(in + x, alphasOf(alpha + x)));
+            store(out + x, withAlphaLanes(loadQuad(in + x), alphaLanes(loadQuad(alpha + x))));
         }
 #endif
         for (; x < insideBegin; ++x) {
@@ -179,8 +142,10 @@ composeRows(PF_LayerDef* output, PF_LayerDef* workingInput, PF_LayerDef* alphaWo
         }
 #if defined(__SSE2__)
         for (; x + 4 <= insideEnd; x += 4) {
-            store(out + x, withAlphas(in + x, softAlphas(bluesOf(mask + x), alphasOf(alpha + x),
-                                                         growShrink >= 1)));
+            store(out + x,
+                  withAlphaLanes(loadQuad(in + x),
+                                 softAlphas(blueLanes(loadQuad(mask + x)),
+                                            alphaLanes(loadQuad(alpha + x)), growShrink >= 1)));
         }
 #endif
         if (growShrink >= 1) {
@@ -198,7 +163,7 @@ composeRows(PF_LayerDef* output, PF_LayerDef* workingInput, PF_LayerDef* alphaWo
         }
 #if defined(__SSE2__)
         for (x = insideEnd; x + 4 <= width; x += 4) {
-            store(out + x, withAlphas(in + x, alphasOf(alpha + x)));
+            store(out + x, withAlphaLanes(loadQuad(in + x), alphaLanes(loadQuad(alpha + x))));
         }
 #else
         x = insideEnd;
