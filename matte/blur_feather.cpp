@@ -558,7 +558,6 @@ struct Feather {
     A_u_short target;
     A_long sumLeft;   // first column some row's limits cover
     A_long sumRight;  // last such column
-    A_long ring = 0;  // band rows kept in a ring of this many scratch rows; 0: row y in row y
     mutable A_long lastScanRecorded = kNeverMarked;  // last row whose edges reached the strip
 
     // Records row s in lastEdgeRow for every strip column within the radius of one of the
@@ -858,10 +857,6 @@ struct Feather {
         slideClamped(at, i1 + 1, right, a, sums);
     }
 
-    PF_Pixel16* bandOut(A_long y) const {
-        return row16(scratch, ring == 0 ? y : y % ring);
-    }
-
     // writeBehind: the strip is the whole frame width, so each row can be written back into
     // the red mask as soon as no later window or edge test reads it (2r + 1 rows behind the
     // band). Otherwise writeBack runs after every strip is done.
@@ -888,7 +883,7 @@ struct Feather {
 
         // Row y's scratch pixels, and the averages of its band pixels inside the limits.
         auto bandRow = [&](A_long y) {
-            PF_Pixel16* out = bandOut(y);
+            PF_Pixel16* out = row16(scratch, y);
             uint64_t* words = reinterpret_cast<uint64_t*>(out + stripLeft);
             if (lastScanRecorded < y - radius) {
                 std::fill(words, words + columns, uint64_t{0});
@@ -920,7 +915,7 @@ struct Feather {
             // s + 2 next; the window sums and the write-back reach back 2r + 1 rows.
             prefetchRow(redMask, s + 2, stripLeft, columns);
             prefetchRow(redMask, s - 2 * radius, stripLeft, columns);
-            if (writeBehind && ring == 0) {
+            if (writeBehind) {
                 prefetchRow(scratch, s - 2 * radius, stripLeft, columns);
             }
             if (s >= edgeTop && s <= edgeBottom) {
@@ -982,7 +977,7 @@ struct Feather {
         if (!marked.get(y)) {
             return;
         }
-        const PF_Pixel16* bandRow = bandOut(y);
+        const PF_Pixel16* bandRow = row16(scratch, y);
         PF_Pixel16* out = row16(redMask, y);
         A_long x = 0;
 #if defined(__SSE2__)
@@ -1057,11 +1052,10 @@ runFeather(const Feather<Sum>& feather) {
     }
 }
 
-// The feather with its band rows in scratch rows 0..ring - 1 (ring > 0), or in the frame's own
-// rows with the rest of the scratch world cleared (ring 0).
+// The feather with its band rows in the scratch world's own rows, the rest of it cleared.
 void
 feather(PF_LayerDef* redMask, int width, int height, int lastRow, int radius, bool blurBlack,
-        FillLimitsArray* limits, PF_LayerDef* scratch, A_long ring) {
+        FillLimitsArray* limits, PF_LayerDef* scratch) {
     // Only the columns some row's limits cover need window sums.
     A_long sumLeft = width;
     A_long sumRight = -1;
@@ -1073,21 +1067,19 @@ feather(PF_LayerDef* redMask, int width, int height, int lastRow, int radius, bo
         }
     }
     const A_u_short target = blurBlack ? 0 : kFull;
-    if (ring == 0) {
-        // The whole scratch world is cleared: the frame's part is written by the sweeps.
-        for (A_long y = 0; y < scratch->height; ++y) {
-            PF_Pixel16* out = row16(scratch, y);
-            const A_long from = y <= lastRow ? width : 0;
-            std::fill(out + std::min<A_long>(from, scratch->width), out + scratch->width,
-                      PF_Pixel16{0, 0, 0, 0});
-        }
+    // The whole scratch world is cleared: the frame's part is written by the sweeps.
+    for (A_long y = 0; y < scratch->height; ++y) {
+        PF_Pixel16* out = row16(scratch, y);
+        const A_long from = y <= lastRow ? width : 0;
+        std::fill(out + std::min<A_long>(from, scratch->width), out + scratch->width,
+                  PF_Pixel16{0, 0, 0, 0});
     }
     if (radius <= kFeatherColumnSumReach) {
         runFeather(Feather<int32_t>{redMask, scratch, limits, width, height, lastRow, radius,
-                                    target, sumLeft, sumRight, ring});
+                                    target, sumLeft, sumRight});
     } else {
         runFeather(Feather<int64_t>{redMask, scratch, limits, width, height, lastRow, radius,
-                                    target, sumLeft, sumRight, ring});
+                                    target, sumLeft, sumRight});
     }
 }
 
@@ -1105,22 +1097,5 @@ boxblur_RedmaskEdgeBlue(PF_InData* /*in_data*/, PF_LayerDef* redMask, int width,
         clearWorldToTransparentBlack(scratch);
         return;
     }
-    feather(redMask, width, height, lastRow, radius, blurBlack, limits, scratch, 0);
-}
-
-void
-boxblur_RedmaskEdgeBlueScratchAsRing(PF_InData* in_data, PF_LayerDef* redMask, int width,
-                                     int height, int lastRow, int radius, bool blurBlack,
-                                     FillLimitsArray* limits, PF_LayerDef* scratch) {
-    // A band row is made r + 1 rows before it is written back, while r + 1 later band rows
-    // are made: r + 2 rows hold every row between the two. Several strips write back only at
-    // the end, so they keep the whole frame.
-    const A_long ring = static_cast<A_long>(radius) + 2;
-    if (radius <= 0 || width < 1 || width > kFeatherStripColumns || scratch->width < width ||
-        scratch->height < ring) {
-        boxblur_RedmaskEdgeBlue(in_data, redMask, width, height, lastRow, radius, blurBlack, limits,
-                                scratch);
-        return;
-    }
-    feather(redMask, width, height, lastRow, radius, blurBlack, limits, scratch, ring);
+    feather(redMask, width, height, lastRow, radius, blurBlack, limits, scratch);
 }

@@ -100,8 +100,10 @@ void boxblur_RedmaskEdgeBlue(PF_InData* in_data, PF_LayerDef* redMask, int width
                              PF_LayerDef* scratch);
 
 // boxblur_RedmaskEdgeBlue for a caller that never reads the scratch world afterwards: the red
-// mask comes out the same, but the band rows live in a ring of radius + 2 scratch rows, so the
-// scratch world is not written whole. Its contents are left undefined.
+// mask comes out the same, but the scratch world is only working memory (a ring of compact
+// blue rows) and its contents are left undefined. Work outside the band is one copy of each
+// row; frames wider than 4096 columns, radii above 90, lastRow other than height - 1 and
+// scratch worlds too small for the ring take boxblur_RedmaskEdgeBlue itself.
 void boxblur_RedmaskEdgeBlueScratchAsRing(PF_InData* in_data, PF_LayerDef* redMask, int width,
                                           int height, int lastRow, int radius, bool blurBlack,
                                           FillLimitsArray* limits, PF_LayerDef* scratch);

@@ -1,0 +1,449 @@
+// The render's feather: the same red mask as boxblur_RedmaskEdgeBlue, with the scratch world
+// used only as working memory.
+#include <algorithm>
+#include <bit>
+#include <climits>
+#include <cstdint>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
+#include "image/pixels.h"
+#include "matte/blur_feather.h"
+#include "matte/red_mask.h"
+
+namespace {
+
+constexpr A_u_short kFull = 32768;
+
+// Widest frame the banded feather takes; its per-column state lives on the stack (about
+// 33 KiB).
+constexpr A_long kMaxColumns = 4096;
+// Widest radius whose window sums fit 32 bits (181 x 181 values of 65535).
+constexpr A_long kMaxRadius = 90;
+// Columns whose column sums are brought up to date together.
+constexpr A_long kBlockColumns = 32;
+constexpr A_long kBlocks = kMaxColumns / kBlockColumns;
+// Window sums averaged at once.
+constexpr A_long kChunk = 256;
+
+constexpr A_long kNever = INT32_MIN / 2;
+
+// The feather in one sweep down the frame, writing the red mask directly:
+// - Each row's blue plane is copied once, as it was on entry, into a ring of compact blue
+//   rows kept in the scratch world (four per scratch row), together with one bit per pixel
+//   telling whether its blue is the target. Every edge test and window sum reads those, so
+//   red-mask rows can be rewritten as soon as their band is known.
+// - Edge pixels of row s record s, in lastEdgeRow, for every column within the radius;
+//   row y = s - r is then in the band wherever that row is >= y - r.
+// - Column sums (the blue of the 2r + 1 rows around y, border rows repeated) are kept per
+//   block of 32 columns and brought to row y only for blocks near band pixels: slid down
+//   row by row after a short gap, summed afresh after a long one.
+// Work per row is then the copy of one row plus work proportional to its band.
+struct BandFeather {
+    // The per-column state is left uninitialised here: run() fills what it reads.
+    BandFeather(PF_LayerDef* redMask_, const FillLimitsArray* limits_, A_long width_,
+                A_long lastRow_, A_long radius_, A_u_short target_, PF_LayerDef* scratch_,
+                A_long maxSlide_)
+        : redMask(redMask_),
+          limits(limits_),
+          width(width_),
+          lastRow(lastRow_),
+          radius(radius_),
+          target(target_),
+          scratch(scratch_),
+          ringRows(2 * radius_ + 2 + maxSlide_),
+          maxSlide(maxSlide_) {}
+
+    PF_LayerDef* redMask;
+    const FillLimitsArray* limits;
+    A_long width;
+    A_long lastRow;  // the frame's last row; windows repeat it below
+    A_long radius;
+    A_u_short target;
+    PF_LayerDef* scratch;
+    A_long ringRows;  // compact blue rows in the ring
+    A_long maxSlide;  // longest gap over which column sums are slid rather than summed afresh
+
+    // Per column, the last scanned row whose edge pixels reach it.
+    A_long lastEdgeRow[kMaxColumns];
+    // Column sums, valid for each block at the row blockRow gives.
+    int32_t columns[kMaxColumns];
+    A_long blockRow[kBlocks];
+    // Per block, the last scanned row whose edge pixels reach one of its columns.
+    A_long blockEdgeRow[kBlocks];
+    A_long lastScanRecorded = kNever;  // last row whose edge pixels reached any column
+    // Per pixel of rows k % 3, whether its blue equals the target.
+    uint64_t targetBits[3][kMaxColumns / 64];
+    // A chunk's column sums with the frame's side columns repeated, and their running totals.
+    int32_t edgeColumns[kChunk + 2 * kMaxRadius];
+    uint32_t totals[kChunk + 2 * kMaxRadius + 1];
+
+    // Row k's compact blue row.
+    A_u_short* blueRow(A_long k) const {
+        const A_long slot = k % ringRows;
+        return reinterpret_cast<A_u_short*>(row16(scratch, slot / 4)) + (slot % 4) * width;
+    }
+
+    // Copies row k's blues into its ring slot and makes its target bits.
+    void takeRow(A_long k) {
+        const PF_Pixel16* p = row16(redMask, k);
+        A_u_short* blue = blueRow(k);
+        uint64_t* bits = targetBits[k % 3];
+        A_long x = 0;
+        for (A_long i = 0; x < width; ++i) {
+            uint64_t word = 0;
+            const A_long end = std::min(x + 64, width);
+            A_long j = 0;
+#if defined(__SSE2__)
+            // Eight pixels per step: the blue lanes (the top 16 bits of each pixel) of four
+            // pixel pairs are moved into place by shifts and masks, interleaved as
+            // 0 2 4 6 1 3 5 7, and put in order by one unpack.
+            const __m128i wanted = _mm_set1_epi16(static_cast<short>(target));
+            const __m128i m1 = _mm_set_epi32(0, static_cast<int>(0xFFFF0000), 0,
+                                             static_cast<int>(0xFFFF0000));
+            const __m128i m2 = _mm_set_epi32(0xFFFF, 0, 0xFFFF, 0);
+            const __m128i m3 = _mm_set_epi32(static_cast<int>(0xFFFF0000), 0,
+                                             static_cast<int>(0xFFFF0000), 0);
+            auto blues = [&](const PF_Pixel16* at) {
+                auto load = [](const PF_Pixel16* q) {
+                    return _mm_loadu_si128(reinterpret_cast<const __m128i*>(q));
+                };
+                const __m128i v = _mm_or_si128(
+                    _mm_or_si128(_mm_srli_epi64(load(at), 48),
+                                 _mm_and_si128(_mm_srli_epi64(load(at + 2), 32), m1)),
+                    _mm_or_si128(_mm_and_si128(_mm_srli_epi64(load(at + 4), 16), m2),
+                                 _mm_and_si128(load(at + 6), m3)));
+                return _mm_unpacklo_epi16(v, _mm_srli_si128(v, 8));
+            };
+            for (; x + j + 16 <= end; j += 16) {
+                const __m128i a = blues(p + x + j);
+                const __m128i b = blues(p + x + j + 8);
+                _mm_storeu_si128(reinterpret_cast<__m128i*>(blue + x + j), a);
+                _mm_storeu_si128(reinterpret_cast<__m128i*>(blue + x + j + 8), b);
+                const __m128i same =
+                    _mm_packs_epi16(_mm_cmpeq_epi16(a, wanted), _mm_cmpeq_epi16(b, wanted));
+                word |= uint64_t{static_cast<uint16_t>(_mm_movemask_epi8(same))} << j;
+            }
+#endif
+            for (; x + j < end; ++j) {
+                blue[x + j] = p[x + j].blue;
+                word |= uint64_t{p[x + j].blue == target} << j;
+            }
+            bits[i] = word;
+            x = end;
+        }
+    }
+
+    // Records row s in lastEdgeRow (and blockEdgeRow) for every column within the radius of
+    // one of the row's edge pixels: blue equal to the target with not all four
+    // edge-neighbours so. Edge pixels lie in columns 1..width - 2 of rows 1..height - 2,
+    // inside the limits; rows s - 1..s + 1 have been taken.
+    void scanEdges(A_long s) {
+        const A_long left = std::max<A_long>(1, limits->left[s]);
+        const A_long right = std::min<A_long>(width - 2, limits->right[s]);
+        if (left > right) {
+            return;
+        }
+        const uint64_t* up = targetBits[(s - 1) % 3];
+        const uint64_t* here = targetBits[s % 3];
+        const uint64_t* down = targetBits[(s + 1) % 3];
+        const A_long words = (width + 63) / 64;
+        A_long reachedUpTo = -1;  // columns already recorded for row s
+        for (A_long i = left / 64; i <= right / 64; ++i) {
+            // Neighbours from the next bits; left..right never reach the frame's sides.
+            const uint64_t l = (here[i] << 1) | (i > 0 ? here[i - 1] >> 63 : 0);
+            const uint64_t r = (here[i] >> 1) | (i + 1 < words ? here[i + 1] << 63 : 0);
+            const A_long from = std::max(left, i * 64) - i * 64;
+            const A_long to = std::min(right, i * 64 + 63) - i * 64;
+            const uint64_t span =
+                (to == 63 ? ~uint64_t{0} : (uint64_t{1} << (to + 1)) - 1) & (~uint64_t{0} << from);
+            for (uint64_t edges = here[i] & ~(l & r & up[i] & down[i]) & span; edges != 0;
+                 edges &= edges - 1) {
+                const A_long e = i * 64 + std::countr_zero(edges);
+                const A_long markFrom = std::max(e - radius, reachedUpTo + 1);
+                const A_long markTo = std::min(e + radius, width - 1);
+                if (markFrom > markTo) {
+                    continue;
+                }
+                std::fill(lastEdgeRow + markFrom, lastEdgeRow + markTo + 1, s);
+                std::fill(blockEdgeRow + markFrom / kBlockColumns,
+                          blockEdgeRow + markTo / kBlockColumns + 1, s);
+                reachedUpTo = markTo;
+                lastScanRecorded = s;
+            }
+        }
+    }
+
+    // Adds compact row `plus` minus row `minus` (when given) to columns c0..c1.
+    void addRows(const A_u_short* plus, const A_u_short* minus, A_long c0, A_long c1) {
+        A_long c = c0;
+#if defined(__SSE2__)
+        const __m128i zero = _mm_setzero_si128();
+        for (; c + 8 <= c1 + 1; c += 8) {
+            const __m128i p = _mm_loadu_si128(reinterpret_cast<const __m128i*>(plus + c));
+            __m128i lo = _mm_unpacklo_epi16(p, zero);
+            __m128i hi = _mm_unpackhi_epi16(p, zero);
+            if (minus != nullptr) {
+                const __m128i m = _mm_loadu_si128(reinterpret_cast<const __m128i*>(minus + c));
+                lo = _mm_sub_epi32(lo, _mm_unpacklo_epi16(m, zero));
+                hi = _mm_sub_epi32(hi, _mm_unpackhi_epi16(m, zero));
+            }
+            __m128i* to = reinterpret_cast<__m128i*>(columns + c);
+            _mm_storeu_si128(to, _mm_add_epi32(_mm_loadu_si128(to), lo));
+            _mm_storeu_si128(to + 1, _mm_add_epi32(_mm_loadu_si128(to + 1), hi));
+        }
+#endif
+        for (; c <= c1; ++c) {
+            columns[c] += plus[c] - (minus != nullptr ? minus[c] : 0);
+        }
+    }
+
+    // Brings block b's column sums to row y: slid down from the row they hold after a gap of
+    // at most maxSlide rows (the ring still holds the rows leaving the window), else summed
+    // afresh from the 2r + 1 rows around y.
+    void bringBlock(A_long b, A_long y) {
+        const A_long valid = blockRow[b];
+        if (valid == y) {
+            return;
+        }
+        const A_long c0 = b * kBlockColumns;
+        const A_long c1 = std::min(c0 + kBlockColumns, width) - 1;
+        if (valid != kNever && y - valid <= maxSlide) {
+            for (A_long v = valid + 1; v <= y; ++v) {
+                addRows(blueRow(std::min(v + radius, lastRow)),
+                        blueRow(std::max<A_long>(v - radius - 1, 0)), c0, c1);
+            }
+        } else {
+            std::fill(columns + c0, columns + c1 + 1, 0);
+            for (A_long d = -radius; d <= radius; ++d) {
+                addRows(blueRow(clampIndex(y + d, lastRow)), nullptr, c0, c1);
+            }
+        }
+        blockRow[b] = y;
+    }
+
+    // Band pixels i0..i1 of row y, all inside the limits: blue = the window sum as a float,
+    // divided by the window's area, truncated, cut to 16 bits, limited to 32768; alpha full.
+    // Window sums are differences of running totals of the column sums (columns repeated
+    // at the frame's sides), kept modulo 2^32: every window sum is below 2^31, so each
+    // difference comes out exact.
+    void averageRun(PF_Pixel16* out, A_long y, A_long i0, A_long i1) {
+        const A_long lastColumn = width - 1;
+        for (A_long b = std::max<A_long>(i0 - radius, 0) / kBlockColumns;
+             b <= std::min(i1 + radius, lastColumn) / kBlockColumns; ++b) {
+            bringBlock(b, y);
+        }
+        const float area = static_cast<float>((2 * radius + 1) * (2 * radius + 1));
+        const A_long span = 2 * radius + 1;
+        for (A_long x0 = i0; x0 <= i1; x0 += kChunk) {
+            const A_long n = std::min(kChunk, i1 - x0 + 1);
+            // The n + 2r column sums the chunk's windows cover, read in place when they all
+            // lie inside the frame.
+            const A_long count = n + 2 * radius;
+            const int32_t* in = columns + (x0 - radius);
+            if (x0 - radius < 0 || x0 + n - 1 + radius > lastColumn) {
+                for (A_long j = 0; j < count; ++j) {
+                    edgeColumns[j] = columns[clampIndex(x0 - radius + j, lastColumn)];
+                }
+                in = edgeColumns;
+            }
+            runningTotals(in, count);
+            int32_t sums[kChunk];
+            for (A_long k = 0; k < n; ++k) {
+                sums[k] = static_cast<int32_t>(totals[k + span] - totals[k]);
+            }
+            storeMeans(out + x0, sums, n, area);
+        }
+    }
+
+    // totals[j] = in[0] + .. + in[j - 1] modulo 2^32, for j = 0..count.
+    void runningTotals(const int32_t* in, A_long count) {
+        totals[0] = 0;
+        A_long j = 0;
+        uint32_t carry = 0;
+#if defined(__SSE2__)
+        __m128i run = _mm_setzero_si128();
+        for (; j + 4 <= count; j += 4) {
+            __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + j));
+            v = _mm_add_epi32(v, _mm_slli_si128(v, 4));
+            v = _mm_add_epi32(v, _mm_slli_si128(v, 8));
+            v = _mm_add_epi32(v, run);
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(totals + j + 1), v);
+            run = _mm_shuffle_epi32(v, 0xFF);
+        }
+        carry = static_cast<uint32_t>(_mm_cvtsi128_si32(run));
+#endif
+        for (; j < count; ++j) {
+            carry += static_cast<uint32_t>(in[j]);
+            totals[j + 1] = carry;
+        }
+    }
+
+    // pixels[0..n - 1] get the means of sums[0..n - 1] as blue and alpha full.
+    static void storeMeans(PF_Pixel16* pixels, const int32_t* sums, A_long n, float area) {
+        A_long k = 0;
+#if defined(__SSE2__)
+        // Four pixels per step: each mean is moved into its pixel's blue lane (the top 16
+        // bits) and the pixel's alpha lane set; red and green are stored back as they were.
+        const __m128 divisor = _mm_set1_ps(area);
+        const __m128i low16 = _mm_set1_epi32(0xFFFF);
+        const __m128i full = _mm_set1_epi32(kFull);
+        const __m128i keep = _mm_set_epi16(0, -1, -1, 0, 0, -1, -1, 0);
+        const short a = static_cast<short>(kFull);
+        const __m128i alphaFull = _mm_set_epi16(0, 0, 0, a, 0, 0, 0, a);
+        for (; k + 4 <= n; k += 4) {
+            const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(sums + k));
+            const __m128i truncated = _mm_and_si128(
+                _mm_cvttps_epi32(_mm_div_ps(_mm_cvtepi32_ps(v), divisor)), low16);
+            const __m128i over = _mm_cmpgt_epi32(truncated, full);
+            const __m128i means =
+                _mm_or_si128(_mm_andnot_si128(over, truncated), _mm_and_si128(over, full));
+            __m128i* to = reinterpret_cast<__m128i*>(pixels + k);
+            const __m128i blueFirst = _mm_slli_epi64(_mm_unpacklo_epi32(means, means), 48);
+            const __m128i blueSecond = _mm_slli_epi64(_mm_unpackhi_epi32(means, means), 48);
+            _mm_storeu_si128(to, _mm_or_si128(_mm_and_si128(_mm_loadu_si128(to), keep),
+                                              _mm_or_si128(blueFirst, alphaFull)));
+            _mm_storeu_si128(to + 1, _mm_or_si128(_mm_and_si128(_mm_loadu_si128(to + 1), keep),
+                                                  _mm_or_si128(blueSecond, alphaFull)));
+        }
+#endif
+        for (; k < n; ++k) {
+            const float m = static_cast<float>(sums[k]) / area;
+            pixels[k].blue = std::min(static_cast<A_u_short>(static_cast<int32_t>(m)), kFull);
+            pixels[k].alpha = kFull;
+        }
+    }
+
+    // Band pixels x0..x1 of row y: averaged inside the limits (columns left..right, empty
+    // when left > right), blue 0 outside them; alpha full.
+    void bandRun(PF_Pixel16* out, A_long y, A_long x0, A_long x1, A_long left, A_long right) {
+        const A_long i0 = std::max(x0, left);
+        const A_long i1 = std::min(x1, right);
+        auto outside = [&](A_long from, A_long to) {
+            for (A_long x = from; x <= to; ++x) {
+                out[x].blue = 0;
+                out[x].alpha = kFull;
+            }
+        };
+        if (i0 > i1) {
+            outside(x0, x1);
+            return;
+        }
+        outside(x0, i0 - 1);
+        averageRun(out, y, i0, i1);
+        outside(i1 + 1, x1);
+    }
+
+    // Row y's band, found from lastEdgeRow once rows up to y + r are scanned, written into
+    // the red mask.
+    void bandRow(A_long y, A_long top, A_long bottom) {
+        const A_long since = y - radius;
+        if (lastScanRecorded < since) {
+            return;
+        }
+        PF_Pixel16* out = row16(redMask, y);
+        A_long left = 1;
+        A_long right = 0;
+        if (y >= top && y <= bottom) {
+            left = std::max<A_long>(limits->left[y], 0);
+            right = std::min<A_long>(limits->right[y], width - 1);
+        }
+        A_long runStart = -1;  // first column of the band run being followed, -1 when none
+        const A_long blocks = (width + kBlockColumns - 1) / kBlockColumns;
+        for (A_long b = 0; b < blocks; ++b) {
+            const A_long c0 = b * kBlockColumns;
+            if (blockEdgeRow[b] < since) {
+                if (runStart >= 0) {
+                    bandRun(out, y, runStart, c0 - 1, left, right);
+                    runStart = -1;
+                }
+                continue;
+            }
+            // The block's band columns as bits, then its runs.
+            const A_long n = std::min(kBlockColumns, width - c0);
+            uint32_t inBand = 0;
+            A_long i = 0;
+#if defined(__SSE2__)
+            const __m128i before = _mm_set1_epi32(since - 1);
+            for (; i + 4 <= n; i += 4) {
+                const __m128i rows =
+                    _mm_loadu_si128(reinterpret_cast<const __m128i*>(lastEdgeRow + c0 + i));
+                const int bits = _mm_movemask_ps(_mm_castsi128_ps(_mm_cmpgt_epi32(rows, before)));
+                inBand |= static_cast<uint32_t>(bits) << i;
+            }
+#endif
+            for (; i < n; ++i) {
+                inBand |= uint32_t{lastEdgeRow[c0 + i] >= since} << i;
+            }
+            i = 0;
+            while (i < n) {
+                if (runStart < 0) {
+                    const uint32_t rest = inBand >> i;
+                    if (rest == 0) {
+                        break;
+                    }
+                    i += std::countr_zero(rest);
+                    runStart = c0 + i;
+                }
+                const int length = std::countr_one(inBand >> i);
+                i += length;
+                if (i < n) {
+                    bandRun(out, y, runStart, c0 + i - 1, left, right);
+                    runStart = -1;
+                }
+            }
+        }
+        if (runStart >= 0) {
+            bandRun(out, y, runStart, width - 1, left, right);
+        }
+    }
+
+    void run(A_long height) {
+        std::fill(lastEdgeRow, lastEdgeRow + width, kNever);
+        // Sliding past a run's last column reads one column beyond the blocks it brought up
+        // to date; that sum is never used, but it must be a defined value.
+        std::fill(columns, columns + width, 0);
+        std::fill(blockRow, blockRow + kBlocks, kNever);
+        std::fill(blockEdgeRow, blockEdgeRow + kBlocks, kNever);
+        const A_long edgeTop = std::max<A_long>(1, limits->firstRow);
+        const A_long edgeBottom = std::min<A_long>(height - 2, limits->lastRow);
+        const A_long top = std::max<A_long>(limits->firstRow, 0);
+        const A_long bottom = std::min<A_long>(limits->lastRow, lastRow);
+        takeRow(0);
+        for (A_long s = 0; s <= lastRow + radius; ++s) {
+            if (s + 1 <= lastRow) {
+                takeRow(s + 1);
+            }
+            if (s >= edgeTop && s <= edgeBottom) {
+                scanEdges(s);
+            }
+            if (s - radius >= 0) {
+                bandRow(s - radius, top, bottom);
+            }
+        }
+    }
+};
+
+}  // namespace
+
+void
+boxblur_RedmaskEdgeBlueScratchAsRing(PF_InData* in_data, PF_LayerDef* redMask, int width,
+                                     int height, int lastRow, int radius, bool blurBlack,
+                                     FillLimitsArray* limits, PF_LayerDef* scratch) {
+    // The ring holds the rows from y - r - maxSlide (the oldest row a slide takes out) to
+    // y + r + 1 (the row below the one being scanned), four to a scratch row.
+    const A_long slots = 4 * static_cast<A_long>(scratch->height);
+    const A_long maxSlide = std::min<A_long>(radius, slots - 2 * static_cast<A_long>(radius) - 2);
+    if (radius <= 0 || radius > kMaxRadius || width < 1 || width > kMaxColumns ||
+        lastRow != height - 1 || scratch->width < width || maxSlide < 1) {
+        boxblur_RedmaskEdgeBlue(in_data, redMask, width, height, lastRow, radius, blurBlack, limits,
+                                scratch);
+        return;
+    }
+    static_assert(sizeof(BandFeather) < 40 * 1024);
+    BandFeather feather(redMask, limits, width, lastRow, radius, blurBlack ? A_u_short{0} : kFull,
+                        scratch, maxSlide);
+    feather.run(height);
+}
