@@ -10,6 +10,11 @@
 #if defined(__SSE2__)
 #include <emmintrin.h>
 #endif
+#if defined(__x86_64__) && defined(__GNUC__)
+#include <immintrin.h>
+// The noise blur is built a second time for AVX2, taken when the processor has it.
+#define QUORVANE_BLUR_WIDE 1
+#endif
 
 #include "AE_EffectCB.h"
 #include "image/pixels.h"
@@ -113,6 +118,78 @@ slideSums(int32_t* v, const A_u_short* plus, const A_u_short* minus, A_long i0, 
     }
 }
 
+#if defined(QUORVANE_BLUR_WIDE)
+#define QUORVANE_AVX2 __attribute__((target("avx2")))
+
+// Eight 16-bit lanes widened to 32 bits.
+QUORVANE_AVX2 inline __m256i
+widened(const A_u_short* p) {
+    return _mm256_cvtepu16_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)));
+}
+
+QUORVANE_AVX2 inline __m256i
+load8(const int32_t* p) {
+    return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p));
+}
+
+// Each lane's window sum times the divider, + 0.5 (separate float steps), truncated and
+// limited to 32768. A truncated mean is at most 65535, so its low 16 bits are itself.
+QUORVANE_AVX2 inline __m256i
+means8(__m256i sums, __m256 divider) {
+    const __m256 product = _mm256_mul_ps(_mm256_cvtepi32_ps(sums), divider);
+    return _mm256_min_epi32(_mm256_cvttps_epi32(_mm256_add_ps(product, _mm256_set1_ps(0.5f))),
+                            _mm256_set1_epi32(kFull));
+}
+
+// slideSums with both rows given, sixteen lanes per step (AVX2).
+QUORVANE_AVX2 void
+slideSumsWide(int32_t* v, const A_u_short* plus, const A_u_short* minus, A_long i0, A_long i1) {
+    A_long i = i0;
+    for (; i + 16 <= i1; i += 16) {
+        __m256i* to = reinterpret_cast<__m256i*>(v + i);
+        const __m256i low = _mm256_sub_epi32(widened(plus + i), widened(minus + i));
+        const __m256i high = _mm256_sub_epi32(widened(plus + i + 8), widened(minus + i + 8));
+        _mm256_storeu_si256(to, _mm256_add_epi32(_mm256_loadu_si256(to), low));
+        _mm256_storeu_si256(to + 1, _mm256_add_epi32(_mm256_loadu_si256(to + 1), high));
+    }
+    slideSums(v, plus, minus, i, i1);
+}
+
+// The window steps of blurRun where every window lies inside the frame, four pixels per
+// step (AVX2): pixels x..x + count - 1 (count a multiple of 4) from the window sums `h`
+// (four lanes, updated), `entering` and `leaving` pointing at the lanes of columns x + r and
+// x - r - 1. The running sums of the four steps are formed off the dependency chain and
+// added to h together, so the chain is one add per four pixels. Each lane's mean takes the
+// same float steps as storeMeans.
+QUORVANE_AVX2 void
+meansWide(int32_t* h, const int32_t* entering, const int32_t* leaving, const PF_Pixel16* src,
+          PF_Pixel16* dst, A_long count, float k) {
+    const __m256 divider = _mm256_set1_ps(k);
+    __m256i window = _mm256_broadcastsi128_si256(_mm_loadu_si128(reinterpret_cast<__m128i*>(h)));
+    for (A_long i = 0; i < count; i += 4, entering += 16, leaving += 16) {
+        // Steps d0 d1 and d2 d3, two pixels per vector.
+        const __m256i d01 = _mm256_sub_epi32(load8(entering), load8(leaving));
+        const __m256i d23 = _mm256_sub_epi32(load8(entering + 8), load8(leaving + 8));
+        // (d0, d0 + d1) and (d2, d2 + d3).
+        const __m256i s01 = _mm256_add_epi32(d01, _mm256_permute2x128_si256(d01, d01, 0x08));
+        const __m256i s23 = _mm256_add_epi32(d23, _mm256_permute2x128_si256(d23, d23, 0x08));
+        // (d0 + d1 + d2, d0 + .. + d3).
+        const __m256i s0123 = _mm256_add_epi32(s23, _mm256_permute2x128_si256(s01, s01, 0x11));
+        const __m256i p01 = _mm256_add_epi32(window, s01);
+        const __m256i p23 = _mm256_add_epi32(window, s0123);
+        window = _mm256_add_epi32(window, _mm256_permute2x128_si256(s0123, s0123, 0x11));
+        // Packing works within 128-bit halves (p0 p2 | p1 p3); the quadword order fixes it.
+        const __m256i packed = _mm256_permute4x64_epi64(
+            _mm256_packus_epi32(means8(p01, divider), means8(p23, divider)), 0xD8);
+        const __m256i source = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(src + i));
+        // Alpha (lanes 0 and 4 of each half) from the source.
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst + i),
+                            _mm256_blend_epi16(packed, source, 0x11));
+    }
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(h), _mm256_castsi256_si128(window));
+}
+#endif
+
 // One box pass of the noise blur, a strip of columns at a time. The window sums are exact
 // integers, so sliding them down the rows and along each row gives the full windows' sums.
 struct BoxPass {
@@ -171,44 +248,16 @@ struct BoxPass {
         // Plain locals and walking pointers: the stores cannot then be taken to change them.
         const int32_t* entering = sums + 4 * (x + radius - base);
         const int32_t* leaving = sums + 4 * (x - radius - 1 - base);
+#if defined(QUORVANE_BLUR_WIDE)
         if constexpr (Wide) {
-            // Four pixels per step in 32-byte vectors (eight lanes), the same steps as
-            // storeMeans lane by lane.
-            typedef int32_t Lanes8 __attribute__((vector_size(32)));
-            typedef float FloatLanes8 __attribute__((vector_size(32)));
-            typedef uint16_t Channels16 __attribute__((vector_size(32)));
-            typedef int16_t Mask16 __attribute__((vector_size(32)));
-            const Mask16 alphaLane = {-1, 0, 0, 0, -1, 0, 0, 0, -1, 0, 0, 0, -1, 0, 0, 0};
-            auto means = [&](const Lanes8& v, Lanes8& limited) {
-                const FloatLanes8 product = __builtin_convertvector(v, FloatLanes8) * k;
-                const FloatLanes8 rounded = product + 0.5f;
-                const Lanes8 low = __builtin_convertvector(rounded, Lanes8) & 0xFFFF;
-                limited = low > kFull ? Lanes8{} + kFull : low;
-            };
-            for (; x + 3 <= fullEnd; x += 4, entering += 16, leaving += 16) {
-                h += loadLanes(entering) - loadLanes(leaving);
-                const Lanes p0 = h;
-                h += loadLanes(entering + 4) - loadLanes(leaving + 4);
-                const Lanes p1 = h;
-                h += loadLanes(entering + 8) - loadLanes(leaving + 8);
-                const Lanes p2 = h;
-                h += loadLanes(entering + 12) - loadLanes(leaving + 12);
-                const Lanes8 m01 = __builtin_shufflevector(p0, p1, 0, 1, 2, 3, 4, 5, 6, 7);
-                const Lanes8 m23 = __builtin_shufflevector(p2, h, 0, 1, 2, 3, 4, 5, 6, 7);
-                Lanes8 all0;
-                Lanes8 all1;
-                means(m01, all0);
-                means(m23, all1);
-                const Channels16 packed = __builtin_convertvector(
-                    __builtin_shufflevector(all0, all1, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12,
-                                            13, 14, 15),
-                    Channels16);
-                Channels16 source;
-                std::memcpy(&source, &src[x], sizeof source);
-                const Channels16 result = alphaLane ? source : packed;
-                std::memcpy(&dst[x], &result, sizeof result);
-            }
+            const A_long count = std::max<A_long>(fullEnd - x + 1, 0) & ~A_long{3};
+            int32_t lanes[4];
+            std::memcpy(lanes, &h, sizeof lanes);
+            meansWide(lanes, entering, leaving, src + x, dst + x, count, k);
+            std::memcpy(&h, lanes, sizeof lanes);
+            x += count, entering += 4 * count, leaving += 4 * count;
         }
+#endif
 #if defined(__SSE2__)
         for (; x < fullEnd; x += 2, entering += 8, leaving += 8) {
             h += loadLanes(entering) - loadLanes(leaving);
@@ -224,6 +273,19 @@ struct BoxPass {
         for (; x <= b; ++x) {
             edgeStep(x);
         }
+    }
+
+    // slideSums, with the AVX2 steps in the wide build when both rows are given.
+    template <bool Wide>
+    static void slideRun(int32_t* v, const A_u_short* plus, const A_u_short* minus, A_long i0,
+                         A_long i1) {
+#if defined(QUORVANE_BLUR_WIDE)
+        if (Wide && plus != nullptr && minus != nullptr) {
+            slideSumsWide(v, plus, minus, i0, i1);
+            return;
+        }
+#endif
+        slideSums(v, plus, minus, i0, i1);
     }
 
     // Whether row y is one segment over the whole row, blurred without a solid interior: row()
@@ -310,7 +372,7 @@ struct BoxPass {
                 }
             }
             const A_long reach = std::min(e + radius, width - 1) + 1;
-            slideSums(v, plus, minus, 4 * slid, 4 * reach);
+            slideRun<Wide>(v, plus, minus, 4 * slid, 4 * reach);
             slid = reach;
             blurRun<Wide>(lanes, -radius, src, dst, rows, c, e);
         }
@@ -362,7 +424,7 @@ struct BoxPass {
                                    rows);
                 continue;
             }
-            slideSums(v, plus, minus, 0, n);
+            slideRun<Wide>(v, plus, minus, 0, n);
             row<Wide>(sums.lane, base, y, rows, stripLeft, stripRight);
         }
     }
@@ -378,8 +440,7 @@ struct BoxPass {
 // One box pass. On x86-64 with AVX2 (checked at run time) the pass is built a second time for
 // AVX2 (not FMA: the divider steps stay a separate multiply and add) with four pixels per
 // step; the math is integer sums and per-lane IEEE float steps, so both give the same bits.
-#if defined(__x86_64__) && defined(__GNUC__)
-#define QUORVANE_BLUR_WIDE 1
+#if defined(QUORVANE_BLUR_WIDE)
 __attribute__((target("avx2"), flatten)) void
 runBoxPassWide(const BoxPass& pass, ColumnSums& sums) {
     pass.run<true>(sums);
@@ -556,8 +617,8 @@ struct Feather {
     A_long lastRow;
     A_long radius;
     A_u_short target;
-    A_long sumLeft;   // first column some row's limits cover
-    A_long sumRight;  // last such column
+    A_long sumLeft;                                  // first column some row's limits cover
+    A_long sumRight;                                 // last such column
     mutable A_long lastScanRecorded = kNeverMarked;  // last row whose edges reached the strip
 
     // Records row s in lastEdgeRow for every strip column within the radius of one of the

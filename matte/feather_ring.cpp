@@ -101,20 +101,20 @@ struct BandFeather {
             // pixel pairs are moved into place by shifts and masks, interleaved as
             // 0 2 4 6 1 3 5 7, and put in order by one unpack.
             const __m128i wanted = _mm_set1_epi16(static_cast<short>(target));
-            const __m128i m1 = _mm_set_epi32(0, static_cast<int>(0xFFFF0000), 0,
-                                             static_cast<int>(0xFFFF0000));
+            const __m128i m1 =
+                _mm_set_epi32(0, static_cast<int>(0xFFFF0000), 0, static_cast<int>(0xFFFF0000));
             const __m128i m2 = _mm_set_epi32(0xFFFF, 0, 0xFFFF, 0);
-            const __m128i m3 = _mm_set_epi32(static_cast<int>(0xFFFF0000), 0,
-                                             static_cast<int>(0xFFFF0000), 0);
+            const __m128i m3 =
+                _mm_set_epi32(static_cast<int>(0xFFFF0000), 0, static_cast<int>(0xFFFF0000), 0);
             auto blues = [&](const PF_Pixel16* at) {
                 auto load = [](const PF_Pixel16* q) {
                     return _mm_loadu_si128(reinterpret_cast<const __m128i*>(q));
                 };
-                const __m128i v = _mm_or_si128(
-                    _mm_or_si128(_mm_srli_epi64(load(at), 48),
-                                 _mm_and_si128(_mm_srli_epi64(load(at + 2), 32), m1)),
-                    _mm_or_si128(_mm_and_si128(_mm_srli_epi64(load(at + 4), 16), m2),
-                                 _mm_and_si128(load(at + 6), m3)));
+                const __m128i v =
+                    _mm_or_si128(_mm_or_si128(_mm_srli_epi64(load(at), 48),
+                                              _mm_and_si128(_mm_srli_epi64(load(at + 2), 32), m1)),
+                                 _mm_or_si128(_mm_and_si128(_mm_srli_epi64(load(at + 4), 16), m2),
+                                              _mm_and_si128(load(at + 6), m3)));
                 return _mm_unpacklo_epi16(v, _mm_srli_si128(v, 8));
             };
             for (; x + j + 16 <= end; j += 16) {
@@ -295,8 +295,8 @@ struct BandFeather {
         const __m128i alphaFull = _mm_set_epi16(0, 0, 0, a, 0, 0, 0, a);
         for (; k + 4 <= n; k += 4) {
             const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(sums + k));
-            const __m128i truncated = _mm_and_si128(
-                _mm_cvttps_epi32(_mm_div_ps(_mm_cvtepi32_ps(v), divisor)), low16);
+            const __m128i truncated =
+                _mm_and_si128(_mm_cvttps_epi32(_mm_div_ps(_mm_cvtepi32_ps(v), divisor)), low16);
             const __m128i over = _mm_cmpgt_epi32(truncated, full);
             const __m128i means =
                 _mm_or_si128(_mm_andnot_si128(over, truncated), _mm_and_si128(over, full));
