@@ -18,6 +18,7 @@
 
 #include "AE_EffectCB.h"
 #include "image/pixels.h"
+#include "matte/feather_band.h"
 #include "matte/red_mask.h"
 
 namespace {
@@ -1158,5 +1159,8 @@ boxblur_RedmaskEdgeBlue(PF_InData* /*in_data*/, PF_LayerDef* redMask, int width,
         clearWorldToTransparentBlack(scratch);
         return;
     }
-    feather(redMask, width, height, lastRow, radius, blurBlack, limits, scratch);
+    if (!featherNearBand(redMask, width, height, lastRow, radius, blurBlack, limits, scratch,
+                         true)) {
+        feather(redMask, width, height, lastRow, radius, blurBlack, limits, scratch);
+    }
 }

@@ -1,9 +1,10 @@
-// The render's feather: the same red mask as boxblur_RedmaskEdgeBlue, with the scratch world
-// used only as working memory.
+#include "matte/feather_band.h"
+
 #include <algorithm>
 #include <bit>
 #include <climits>
 #include <cstdint>
+#include <cstring>
 
 #if defined(__SSE2__)
 #include <emmintrin.h>
@@ -11,6 +12,7 @@
 
 #include "image/pixels.h"
 #include "matte/blur_feather.h"
+#include "matte/markers.h"
 #include "matte/red_mask.h"
 
 namespace {
@@ -31,10 +33,12 @@ constexpr A_long kChunk = 256;
 constexpr A_long kNever = INT32_MIN / 2;
 
 // The feather in one sweep down the frame, writing the red mask directly:
-// - Each row's blue plane is copied once, as it was on entry, into a ring of compact blue
-//   rows kept in the scratch world (four per scratch row), together with one bit per pixel
-//   telling whether its blue is the target. Every edge test and window sum reads those, so
-//   red-mask rows can be rewritten as soon as their band is known.
+// - Each row's blue plane is copied once, as it was on entry, into a compact blue row in the
+//   scratch world, together with one bit per pixel telling whether its blue is the target.
+//   Every edge test and window sum reads those, so red-mask rows can be rewritten as soon as
+//   their band is known. Without marks the compact rows form a ring, four to a scratch row;
+//   with marks each lives at the start of its own scratch row, and the row's band bits at its
+//   end, until no window needs it any more: the row's marks are then written over both.
 // - Edge pixels of row s record s, in lastEdgeRow, for every column within the radius;
 //   row y = s - r is then in the band wherever that row is >= y - r.
 // - Column sums (the blue of the 2r + 1 rows around y, border rows repeated) are kept per
@@ -45,7 +49,7 @@ struct BandFeather {
     // The per-column state is left uninitialised here: run() fills what it reads.
     BandFeather(PF_LayerDef* redMask_, const FillLimitsArray* limits_, A_long width_,
                 A_long lastRow_, A_long radius_, A_u_short target_, PF_LayerDef* scratch_,
-                A_long maxSlide_)
+                A_long maxSlide_, bool marks_)
         : redMask(redMask_),
           limits(limits_),
           width(width_),
@@ -54,7 +58,9 @@ struct BandFeather {
           target(target_),
           scratch(scratch_),
           ringRows(2 * radius_ + 2 + maxSlide_),
-          maxSlide(maxSlide_) {}
+          maxSlide(maxSlide_),
+          marks(marks_),
+          bitWords((width_ + 63) / 64) {}
 
     PF_LayerDef* redMask;
     const FillLimitsArray* limits;
@@ -65,6 +71,8 @@ struct BandFeather {
     PF_LayerDef* scratch;
     A_long ringRows;  // compact blue rows in the ring
     A_long maxSlide;  // longest gap over which column sums are slid rather than summed afresh
+    bool marks;       // the scratch world ends holding the band marks
+    A_long bitWords;  // 64-bit words of one row's band bits
 
     // Per column, the last scanned row whose edge pixels reach it.
     A_long lastEdgeRow[kMaxColumns];
@@ -82,8 +90,59 @@ struct BandFeather {
 
     // Row k's compact blue row.
     A_u_short* blueRow(A_long k) const {
+        if (marks) {
+            return &row16(scratch, k)->alpha;
+        }
         const A_long slot = k % ringRows;
         return reinterpret_cast<A_u_short*>(row16(scratch, slot / 4)) + (slot % 4) * width;
+    }
+
+    // Where row k's band bits are kept (with marks): the last bitWords * 8 bytes of the
+    // frame's part of its scratch row, clear of the compact blue row (width >= 8).
+    unsigned char* bandBits(A_long k) const {
+        return reinterpret_cast<unsigned char*>(row16(scratch, k) + width) - 8 * bitWords;
+    }
+
+    // Writes word i of row k's band bits.
+    void setBandWord(A_long k, A_long i, uint64_t word) const {
+        std::memcpy(bandBits(k) + 8 * i, &word, sizeof word);
+    }
+
+    // Row k's marks over its compact blue row and band bits: band pixels (alpha and red the
+    // band mark, blue the red mask's new blue), transparent black elsewhere. Each 64-pixel
+    // chunk reads its bits before writing: a chunk's pixels never reach a later chunk's bits.
+    void writeMarks(A_long k) const {
+        PF_Pixel16* out = row16(scratch, k);
+        const PF_Pixel16* mask = row16(redMask, k);
+        const unsigned char* bits = bandBits(k);
+        for (A_long i = 0; i < bitWords; ++i) {
+            uint64_t word;
+            std::memcpy(&word, bits + 8 * i, sizeof word);
+            const A_long x0 = i * 64;
+            const A_long n = std::min<A_long>(64, width - x0);
+            A_long j = 0;
+#if defined(__SSE2__)
+            // Two pixels per step: the pair's two bits pick one of four lane masks.
+            const __m128i choice[4] = {_mm_setzero_si128(), _mm_set_epi32(0, 0, -1, -1),
+                                       _mm_set_epi32(-1, -1, 0, 0), _mm_set1_epi32(-1)};
+            const short m = static_cast<short>(kFeatherBandMark);
+            const __m128i markLanes = _mm_set_epi16(0, 0, m, m, 0, 0, m, m);
+            const __m128i blueLanes = _mm_set_epi16(-1, 0, 0, 0, -1, 0, 0, 0);
+            for (; j + 2 <= n; j += 2) {
+                const __m128i source =
+                    _mm_loadu_si128(reinterpret_cast<const __m128i*>(mask + x0 + j));
+                const __m128i pixel = _mm_or_si128(markLanes, _mm_and_si128(source, blueLanes));
+                _mm_storeu_si128(reinterpret_cast<__m128i*>(out + x0 + j),
+                                 _mm_and_si128(pixel, choice[(word >> j) & 3]));
+            }
+#endif
+            for (; j < n; ++j) {
+                out[x0 + j] =
+                    ((word >> j) & 1) != 0
+                        ? PF_Pixel16{kFeatherBandMark, kFeatherBandMark, 0, mask[x0 + j].blue}
+                        : PF_Pixel16{0, 0, 0, 0};
+            }
+        }
     }
 
     // Copies row k's blues into its ring slot and makes its target bits.
@@ -340,6 +399,11 @@ struct BandFeather {
     // the red mask.
     void bandRow(A_long y, A_long top, A_long bottom) {
         const A_long since = y - radius;
+        if (marks) {
+            for (A_long i = 0; i < bitWords; ++i) {
+                setBandWord(y, i, 0);
+            }
+        }
         if (lastScanRecorded < since) {
             return;
         }
@@ -376,6 +440,15 @@ struct BandFeather {
 #endif
             for (; i < n; ++i) {
                 inBand |= uint32_t{lastEdgeRow[c0 + i] >= since} << i;
+            }
+            if (marks) {
+                // The row's words were cleared above; blocks are 32 columns, two to a word.
+                static_assert(64 % kBlockColumns == 0);
+                unsigned char* at = bandBits(y) + 8 * (c0 / 64);
+                uint64_t word;
+                std::memcpy(&word, at, sizeof word);
+                word |= uint64_t{inBand} << (c0 % 64);
+                std::memcpy(at, &word, sizeof word);
             }
             i = 0;
             while (i < n) {
@@ -421,6 +494,16 @@ struct BandFeather {
             }
             if (s - radius >= 0) {
                 bandRow(s - radius, top, bottom);
+                // The oldest row any later window or slide reads.
+                const A_long done = s - 2 * radius - maxSlide - 1;
+                if (marks && done >= 0) {
+                    writeMarks(done);
+                }
+            }
+        }
+        if (marks) {
+            for (A_long k = std::max<A_long>(lastRow - radius - maxSlide, 0); k <= lastRow; ++k) {
+                writeMarks(k);
             }
         }
     }
@@ -428,22 +511,47 @@ struct BandFeather {
 
 }  // namespace
 
+bool
+featherNearBand(PF_LayerDef* redMask, int width, int height, int lastRow, int radius,
+                bool blurBlack, FillLimitsArray* limits, PF_LayerDef* scratch, bool marks) {
+    if (radius <= 0 || radius > kMaxRadius || width < 8 || width > kMaxColumns ||
+        lastRow != height - 1 || scratch->width < width) {
+        return false;
+    }
+    A_long maxSlide = radius;
+    if (marks) {
+        if (scratch->height < height) {
+            return false;
+        }
+        // The frame's part of the scratch world is written row by row; the rest is cleared.
+        for (A_long y = 0; y < scratch->height; ++y) {
+            PF_Pixel16* out = row16(scratch, y);
+            std::fill(out + (y <= lastRow ? width : 0), out + scratch->width,
+                      PF_Pixel16{0, 0, 0, 0});
+        }
+    } else {
+        // The ring holds the rows from y - r - maxSlide (the oldest row a slide takes out) to
+        // y + r + 1 (the row below the one being scanned), four to a scratch row.
+        maxSlide = std::min<A_long>(
+            radius, 4 * static_cast<A_long>(scratch->height) - 2 * static_cast<A_long>(radius) - 2);
+        if (maxSlide < 1) {
+            return false;
+        }
+    }
+    static_assert(sizeof(BandFeather) < 40 * 1024);
+    BandFeather feather(redMask, limits, width, lastRow, radius, blurBlack ? A_u_short{0} : kFull,
+                        scratch, maxSlide, marks);
+    feather.run(height);
+    return true;
+}
+
 void
 boxblur_RedmaskEdgeBlueScratchAsRing(PF_InData* in_data, PF_LayerDef* redMask, int width,
                                      int height, int lastRow, int radius, bool blurBlack,
                                      FillLimitsArray* limits, PF_LayerDef* scratch) {
-    // The ring holds the rows from y - r - maxSlide (the oldest row a slide takes out) to
-    // y + r + 1 (the row below the one being scanned), four to a scratch row.
-    const A_long slots = 4 * static_cast<A_long>(scratch->height);
-    const A_long maxSlide = std::min<A_long>(radius, slots - 2 * static_cast<A_long>(radius) - 2);
-    if (radius <= 0 || radius > kMaxRadius || width < 1 || width > kMaxColumns ||
-        lastRow != height - 1 || scratch->width < width || maxSlide < 1) {
+    if (!featherNearBand(redMask, width, height, lastRow, radius, blurBlack, limits, scratch,
+                         false)) {
         boxblur_RedmaskEdgeBlue(in_data, redMask, width, height, lastRow, radius, blurBlack, limits,
                                 scratch);
-        return;
     }
-    static_assert(sizeof(BandFeather) < 40 * 1024);
-    BandFeather feather(redMask, limits, width, lastRow, radius, blurBlack ? A_u_short{0} : kFull,
-                        scratch, maxSlide);
-    feather.run(height);
 }
