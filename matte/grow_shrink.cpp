@@ -81,12 +81,15 @@ fillAlpha(PF_LayerDef* world, A_long y, A_long width, A_u_short value) {
 
 // Which pixels count for a pass, as bits. Grow: spreads = blue > 0 with red exactly 0, and
 // final = already blue 32768 with red 0 (turning it blue again would change nothing).
-// Shrink: spreads = blue > 0.
+// Shrink: spreads = blue > 0. fillValue >= 0 is then written into every pixel's alpha.
 template <bool kGrow>
 void
-extractRow(const PF_Pixel16* px, A_long width, const BitRow& shape, Bits* spreads, Bits* final) {
+extractRow(PF_Pixel16* px, A_long width, const BitRow& shape, Bits* spreads, Bits* final,
+           int fillValue) {
+    const bool fill = fillValue >= 0;
+    const A_u_short alpha = static_cast<A_u_short>(fillValue);
     for (A_long i = 0; i < shape.words; ++i) {
-        const PF_Pixel16* p = px + i * kWordBits;
+        PF_Pixel16* p = px + i * kWordBits;
         const int n = static_cast<int>(std::min(kWordBits, width - i * kWordBits));
         Bits s = 0;
         Bits f = 0;
@@ -96,8 +99,15 @@ extractRow(const PF_Pixel16* px, A_long width, const BitRow& shape, Bits* spread
         // flag is read from the sign bit of its high byte (bytes 7 and 15 hold the blues).
         const __m128i zero = _mm_setzero_si128();
         const __m128i full = _mm_set1_epi16(static_cast<short>(kBlueFull));
+        const __m128i alphaLanes = _mm_set_epi16(0, 0, 0, -1, 0, 0, 0, -1);
+        const __m128i alphaFill =
+            _mm_and_si128(alphaLanes, _mm_set1_epi16(static_cast<short>(alpha)));
         for (; j + 2 <= n; j += 2) {
-            const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + j));
+            __m128i* at = reinterpret_cast<__m128i*>(p + j);
+            const __m128i v = _mm_loadu_si128(at);
+            if (fill) {
+                _mm_storeu_si128(at, _mm_or_si128(_mm_andnot_si128(alphaLanes, v), alphaFill));
+            }
             const __m128i isZero = _mm_cmpeq_epi16(v, zero);
             if constexpr (kGrow) {
                 const __m128i redZeroAtBlue = _mm_slli_epi64(isZero, 32);
@@ -118,6 +128,9 @@ extractRow(const PF_Pixel16* px, A_long width, const BitRow& shape, Bits* spread
                 f |= Bits{p[j].blue == kBlueFull && p[j].red == 0} << j;
             } else {
                 s |= Bits{p[j].blue != 0} << j;
+            }
+            if (fill) {
+                p[j].alpha = alpha;
             }
         }
         spreads[i] = s;
@@ -157,10 +170,7 @@ class Wavefront {
         for (A_long t = lo; t <= hi + count; ++t) {
             if (t <= hi) {
                 PF_Pixel16* px = row16(world_, t);
-                extractRow<kGrow>(px, width_, shape_, spreads(0, t), final(0, t));
-                if (fillValue >= 0) {
-                    fillAlpha(world_, t, width_, static_cast<A_u_short>(fillValue));
-                }
+                extractRow<kGrow>(px, width_, shape_, spreads(0, t), final(0, t), fillValue);
             }
             for (A_long q = 1; q <= count; ++q) {
                 const A_long r = t - q;
@@ -218,13 +228,8 @@ class Wavefront {
                     p.red = 0;
                 }
                 if (last) {
-                    const A_long x0 = std::max(left, i * kWordBits);
-                    const A_long x1 = std::min(right, i * kWordBits + kWordBits - 1);
-                    for (A_long x = x0; x <= x1; ++x) {
-                        px[x].alpha = ((decided >> (x - i * kWordBits)) & 1) != 0
-                                          ? kGrowMarkTurnsBlue
-                                          : kGrowMarkUnchanged;
-                    }
+                    markRun(px, i * kWordBits, std::max(left, i * kWordBits),
+                            std::min(right, i * kWordBits + kWordBits - 1), decided);
                 }
             } else {
                 // Even passes keep a pixel only with all 8 neighbours blue, odd passes with all 4.
@@ -239,6 +244,33 @@ class Wavefront {
                     px[i * kWordBits + std::countr_zero(cleared)].blue = 0;
                 }
             }
+        }
+    }
+
+    // The last grow pass's alpha marks for columns x0..x1 of the word starting at column
+    // `base`: 30000 where `decided` has the column's bit, 10000 elsewhere.
+    static void markRun(PF_Pixel16* px, A_long base, A_long x0, A_long x1, Bits decided) {
+        auto mark = [&](A_long x) {
+            px[x].alpha =
+                ((decided >> (x - base)) & 1) != 0 ? kGrowMarkTurnsBlue : kGrowMarkUnchanged;
+        };
+        A_long x = x0;
+#if defined(__SSE2__)
+        // Two pixels per step: the pair's bits pick one of four alpha pairs.
+        const short t = static_cast<short>(kGrowMarkTurnsBlue);
+        const short u = static_cast<short>(kGrowMarkUnchanged);
+        const __m128i alphaLanes = _mm_set_epi16(0, 0, 0, -1, 0, 0, 0, -1);
+        const __m128i marks[4] = {
+            _mm_set_epi16(0, 0, 0, u, 0, 0, 0, u), _mm_set_epi16(0, 0, 0, u, 0, 0, 0, t),
+            _mm_set_epi16(0, 0, 0, t, 0, 0, 0, u), _mm_set_epi16(0, 0, 0, t, 0, 0, 0, t)};
+        for (; x + 1 <= x1; x += 2) {
+            __m128i* at = reinterpret_cast<__m128i*>(px + x);
+            const __m128i v = _mm_andnot_si128(alphaLanes, _mm_loadu_si128(at));
+            _mm_storeu_si128(at, _mm_or_si128(v, marks[(decided >> (x - base)) & 3]));
+        }
+#endif
+        for (; x <= x1; ++x) {
+            mark(x);
         }
     }
 
