@@ -226,6 +226,10 @@ timed(benchmark::State& state, const std::string& name, Setup setup, Body body) 
 void
 ratios(benchmark::State& state, const std::string& size, const std::string& stage, int passes,
        const std::string& opencv, const std::string& opencvMask8 = "") {
+    if (!opencvMask8.empty() && means().count(size + "/" + opencvMask8 + "_world")) {
+        state.counters["x_opencv_mask8_world"] =
+            means()[size + "/" + stage] / means()[size + "/" + opencvMask8 + "_world"];
+    }
     const double t = means()[size + "/" + stage];
     const double floor = means()[size + "/floor_copy"];
     state.counters["x_floor"] = t / floor;
@@ -326,6 +330,22 @@ registerSize(const std::string& size, int w, int h) {
             timed(
                 st, name, [&] { mask.copyTo(a); }, [&] { passes(a, b); });
         });
+        reg("opencv_" + what + "_x20_mask8_world",
+            [=](benchmark::State& st, const std::string& name) {
+                // The mask passes with the way in and out: the blue plane taken from the world
+                // as a one-byte mask, and the result written back into it as 0 or 32768.
+                Scene& s = scene(w, h);
+                cv::Mat world = mat(s.work), blue, a, b(h, w, CV_8UC1);
+                timed(
+                    st, name, [&] { s.work.copyFrom(s.redMask); },
+                    [&] {
+                        cv::extractChannel(world, blue, 3);
+                        cv::compare(blue, 0, a, cv::CMP_GT);
+                        passes(a, b);
+                        a.convertTo(blue, CV_16U, 32768.0 / 255.0);
+                        cv::insertChannel(blue, world, 3);
+                    });
+            });
     }
     reg("opencv_feather_r20", [=](benchmark::State& st, const std::string& name) {
         // Edge pixels of the solid plane, a band of radius 20 around them, a 41 x 41 box

@@ -143,9 +143,10 @@ extractRow(PF_Pixel16* px, A_long width, const BitRow& shape, Bits* spreads, Bit
 // Runs several passes in one sweep down the frame. Each pass is a level: level 0 holds the
 // bits read from the world, level q the bits after q passes. Level q of row r needs level
 // q - 1 of rows r - 1..r + 1, so it is computed one row behind level q - 1 and every level
-// keeps only its last three rows (and, growing, the last two rows of final bits). A pass
-// writes its changes into the world as soon as it decides them: the world is read only for
-// level 0, always before any pass has touched that row.
+// keeps only its last three rows (and, growing, the last two rows of final bits). The pixels a
+// row's passes change are gathered as bits and written into the world once the row's last
+// pass of the sweep is done, in one visit to the row: the world is read only for level 0,
+// always before any pass has touched that row.
 template <bool kGrow>
 class Wavefront {
   public:
@@ -157,16 +158,20 @@ class Wavefront {
           lastRow_(lastRow),
           area_(area),
           shape_(width),
-          buffer_(buffer) {}
+          buffer_(buffer),
+          levels_(capacity() + 1) {}
 
-    // Passes one sweep can hold; below 1 the frame is too wide for the buffer.
-    A_long capacity() const { return kBitBufferWords / (kRowsPerLevel * shape_.words) - 1; }
+    // Passes one sweep can hold; below 1 the frame is too wide for the buffer. Each pass has
+    // its level's rows and one row of changed pixels.
+    A_long capacity() const { return kBitBufferWords / ((kRowsPerLevel + 1) * shape_.words) - 1; }
 
     // Runs passes first..first + count - 1; the one numbered lastPass writes the alpha marks.
     // fillValue >= 0 is written into the alpha of every row read, across the whole width.
     void run(A_long first, A_long count, A_long lastPass, int fillValue) {
         const A_long lo = std::max<A_long>(area_.top - 1, 0);
         const A_long hi = std::min(area_.bottom + 1, lastRow_);
+        changedRows_ = count + 1;
+        std::fill(changed(0), changed(0) + changedRows_ * shape_.words, Bits{0});
         for (A_long t = lo; t <= hi + count; ++t) {
             if (t <= hi) {
                 PF_Pixel16* px = row16(world_, t);
@@ -179,6 +184,9 @@ class Wavefront {
                 }
                 if (r <= hi) {
                     pass(q, r, first + q - 1, first + q - 1 == lastPass);
+                    if (q == count) {
+                        writeChanges(r);
+                    }
                 }
             }
         }
@@ -191,6 +199,29 @@ class Wavefront {
     Bits* final(A_long level, A_long row) {
         return kGrow ? buffer_ + (level * kRowsPerLevel + 3 + (row & 1)) * shape_.words : nullptr;
     }
+    // The pixels of row `row` changed by this sweep's passes so far (rows in flight: count).
+    Bits* changed(A_long row) {
+        return buffer_ + (levels_ * kRowsPerLevel + row % changedRows_) * shape_.words;
+    }
+
+    // Writes row r's changed pixels into the world (growing: blue 32768, red 0; shrinking:
+    // blue 0) and clears its changed bits for the row that next takes its place.
+    void writeChanges(A_long r) {
+        Bits* bits = changed(r);
+        PF_Pixel16* px = row16(world_, r);
+        for (A_long i = 0; i < shape_.words; ++i) {
+            for (Bits b = bits[i]; b != 0; b &= b - 1) {
+                PF_Pixel16& p = px[i * kWordBits + std::countr_zero(b)];
+                if constexpr (kGrow) {
+                    p.blue = kBlueFull;
+                    p.red = 0;
+                } else {
+                    p.blue = 0;
+                }
+            }
+            bits[i] = 0;
+        }
+    }
 
     // Level q of row r: pass number `number` applied to level q - 1.
     void pass(A_long q, A_long r, A_long number, bool last) {
@@ -198,52 +229,100 @@ class Wavefront {
         const Bits* here = spreads(q - 1, r);
         const Bits* down = spreads(q - 1, std::min(r + 1, lastRow_));
         Bits* out = spreads(q, r);
-        std::memcpy(out, here, sizeof(Bits) * shape_.words);
-        if constexpr (kGrow) {
-            std::memcpy(final(q, r), final(q - 1, r), sizeof(Bits) * shape_.words);
-        }
+        Bits* finalOut = final(q, r);
+        const Bits* finalBefore = final(q - 1, r);
+        const A_long words = shape_.words;
         A_long left = 0;
         A_long right = -1;
         if (r < area_.top || r > area_.bottom || !area_.span(r, left, right)) {
+            std::memcpy(out, here, sizeof(Bits) * words);
+            if constexpr (kGrow) {
+                std::memcpy(finalOut, finalBefore, sizeof(Bits) * words);
+            }
             return;
         }
-        const bool even = number % 2 == 0;
+        // Words outside the span keep their bits; the span's words are all written below.
+        const A_long i0 = left / kWordBits;
+        const A_long i1 = right / kWordBits;
+        std::memcpy(out, here, sizeof(Bits) * i0);
+        std::memcpy(out + i1 + 1, here + i1 + 1, sizeof(Bits) * (words - i1 - 1));
+        if constexpr (kGrow) {
+            std::memcpy(finalOut, finalBefore, sizeof(Bits) * i0);
+            std::memcpy(finalOut + i1 + 1, finalBefore + i1 + 1, sizeof(Bits) * (words - i1 - 1));
+        }
+        const Span span{i0, i1, spanMask(i0, left, right), spanMask(i1, left, right), left, right};
         PF_Pixel16* px = row16(world_, r);
-        for (A_long i = left / kWordBits; i <= right / kWordBits; ++i) {
+        Bits* turned = changed(r);
+        if constexpr (kGrow) {
+            if (number % 2 == 0) {
+                growWords<true>(up, here, down, out, finalBefore, finalOut, turned, span, px, last);
+            } else {
+                growWords<false>(up, here, down, out, finalBefore, finalOut, turned, span, px,
+                                 last);
+            }
+        } else {
+            if (number % 2 == 0) {
+                shrinkWords<true>(up, here, down, out, turned, span);
+            } else {
+                shrinkWords<false>(up, here, down, out, turned, span);
+            }
+        }
+    }
+
+    // Words i0..i1 of a row's span, with the bits of its first and last word inside it.
+    struct Span {
+        A_long i0;
+        A_long i1;
+        Bits firstMask;
+        Bits lastMask;
+        A_long left;
+        A_long right;
+
+        Bits mask(A_long i) const {
+            return (i == i0 ? firstMask : ~Bits{0}) & (i == i1 ? lastMask : ~Bits{0});
+        }
+    };
+
+    // One grow pass over a span. Even passes: any one edge-neighbour spreads; odd passes: at
+    // least two. Pixels that turn blue are added to `turned`.
+    template <bool kEven>
+    void growWords(const Bits* __restrict up, const Bits* __restrict here,
+                   const Bits* __restrict down, Bits* __restrict out,
+                   const Bits* __restrict finalBefore, Bits* __restrict finalOut,
+                   Bits* __restrict turned, const Span& span, PF_Pixel16* px, bool last) const {
+        for (A_long i = span.i0; i <= span.i1; ++i) {
             const Bits l = BitRow::left(here, i);
             const Bits rt = shape_.right(here, i);
-            const Bits mask = spanMask(i, left, right);
-            if constexpr (kGrow) {
-                // Even passes: any one edge-neighbour spreads; odd passes: at least two.
-                const Bits decided =
-                    mask & (even ? (l | rt | up[i] | down[i])
-                                 : ((l & rt) | (up[i] & down[i]) | ((l | rt) & (up[i] | down[i]))));
-                out[i] = here[i] | decided;
-                const Bits* finalBefore = final(q - 1, r);
-                Bits fresh = decided & ~finalBefore[i];
-                final(q, r)[i] = finalBefore[i] | decided;
-                for (; fresh != 0; fresh &= fresh - 1) {
-                    PF_Pixel16& p = px[i * kWordBits + std::countr_zero(fresh)];
-                    p.blue = kBlueFull;
-                    p.red = 0;
-                }
-                if (last) {
-                    markRun(px, i * kWordBits, std::max(left, i * kWordBits),
-                            std::min(right, i * kWordBits + kWordBits - 1), decided);
-                }
-            } else {
-                // Even passes keep a pixel only with all 8 neighbours blue, odd passes with all 4.
-                Bits keep = l & rt & up[i] & down[i];
-                if (even) {
-                    keep &= BitRow::left(up, i) & shape_.right(up, i) & BitRow::left(down, i) &
-                            shape_.right(down, i);
-                }
-                const Bits loses = mask & ~keep;
-                out[i] = here[i] & ~loses;
-                for (Bits cleared = here[i] & loses; cleared != 0; cleared &= cleared - 1) {
-                    px[i * kWordBits + std::countr_zero(cleared)].blue = 0;
-                }
+            const Bits u = up[i];
+            const Bits d = down[i];
+            const Bits decided =
+                span.mask(i) &
+                (kEven ? (l | rt | u | d) : ((l & rt) | (u & d) | ((l | rt) & (u | d))));
+            out[i] = here[i] | decided;
+            finalOut[i] = finalBefore[i] | decided;
+            turned[i] |= decided & ~finalBefore[i];
+            if (last) {
+                markRun(px, i * kWordBits, std::max(span.left, i * kWordBits),
+                        std::min(span.right, i * kWordBits + kWordBits - 1), decided);
             }
+        }
+    }
+
+    // One shrink pass over a span. Even passes keep a pixel only with all 8 neighbours blue,
+    // odd passes with all 4. Pixels that lose blue are added to `cleared`.
+    template <bool kEven>
+    void shrinkWords(const Bits* __restrict up, const Bits* __restrict here,
+                     const Bits* __restrict down, Bits* __restrict out, Bits* __restrict cleared,
+                     const Span& span) const {
+        for (A_long i = span.i0; i <= span.i1; ++i) {
+            Bits keep = BitRow::left(here, i) & shape_.right(here, i) & up[i] & down[i];
+            if constexpr (kEven) {
+                keep &= BitRow::left(up, i) & shape_.right(up, i) & BitRow::left(down, i) &
+                        shape_.right(down, i);
+            }
+            const Bits loses = span.mask(i) & ~keep;
+            out[i] = here[i] & ~loses;
+            cleared[i] |= here[i] & loses;
         }
     }
 
@@ -280,6 +359,8 @@ class Wavefront {
     Area area_;
     BitRow shape_;
     Bits* buffer_;
+    A_long levels_;           // levels the buffer holds (capacity() + 1)
+    A_long changedRows_ = 1;  // rows of changed bits in the ring: the sweep's passes + 1
 };
 
 // The passes as two sweeps each, marks in alpha; for frames too wide for the bit buffer.
