@@ -95,13 +95,50 @@ extractRow(PF_Pixel16* px, A_long width, const BitRow& shape, Bits* spreads, Bit
         Bits f = 0;
         int j = 0;
 #if defined(__SSE2__)
-        // Two pixels per load. Each pixel's red-is-0 flag is moved onto its blue lane; a lane's
-        // flag is read from the sign bit of its high byte (bytes 7 and 15 hold the blues).
+        // Each pixel's red-is-0 flag is moved onto its blue lane by a 64-bit shift.
         const __m128i zero = _mm_setzero_si128();
         const __m128i full = _mm_set1_epi16(static_cast<short>(kBlueFull));
         const __m128i alphaLanes = _mm_set_epi16(0, 0, 0, -1, 0, 0, 0, -1);
         const __m128i alphaFill =
             _mm_and_si128(alphaLanes, _mm_set1_epi16(static_cast<short>(alpha)));
+        const __m128i blueLanes = _mm_set_epi16(-1, 0, 0, 0, -1, 0, 0, 0);
+        // Sixteen pixels per step: each pixel's flag is made in its blue lane, so it is the
+        // sign of the pixel's upper 32-bit lane; those are gathered in pixel order and packed
+        // down to one byte per pixel (the signed packs keep the signs).
+        auto upperLanes = [](__m128i a, __m128i b) {
+            return _mm_unpacklo_epi64(_mm_shuffle_epi32(a, 0xDD), _mm_shuffle_epi32(b, 0xDD));
+        };
+        auto signs = [&](const __m128i* flags) {
+            const __m128i low =
+                _mm_packs_epi32(upperLanes(flags[0], flags[1]), upperLanes(flags[2], flags[3]));
+            const __m128i high =
+                _mm_packs_epi32(upperLanes(flags[4], flags[5]), upperLanes(flags[6], flags[7]));
+            return Bits{static_cast<uint16_t>(_mm_movemask_epi8(_mm_packs_epi16(low, high)))};
+        };
+        for (; j + 16 <= n; j += 16) {
+            __m128i spreading[8];
+            __m128i finished[8];
+            for (int k = 0; k < 8; ++k) {
+                __m128i* at = reinterpret_cast<__m128i*>(p + j + 2 * k);
+                const __m128i v = _mm_loadu_si128(at);
+                if (fill) {
+                    _mm_storeu_si128(at, _mm_or_si128(_mm_andnot_si128(alphaLanes, v), alphaFill));
+                }
+                const __m128i isZero = _mm_cmpeq_epi16(v, zero);
+                if constexpr (kGrow) {
+                    const __m128i redZeroAtBlue = _mm_slli_epi64(isZero, 32);
+                    spreading[k] = _mm_andnot_si128(isZero, redZeroAtBlue);
+                    finished[k] = _mm_and_si128(_mm_cmpeq_epi16(v, full), redZeroAtBlue);
+                } else {
+                    spreading[k] = _mm_andnot_si128(isZero, blueLanes);
+                }
+            }
+            s |= signs(spreading) << j;
+            if constexpr (kGrow) {
+                f |= signs(finished) << j;
+            }
+        }
+        // Two pixels per load for the rest; bytes 7 and 15 hold the blue lanes' high bytes.
         for (; j + 2 <= n; j += 2) {
             __m128i* at = reinterpret_cast<__m128i*>(p + j);
             const __m128i v = _mm_loadu_si128(at);
