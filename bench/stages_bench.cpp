@@ -347,27 +347,42 @@ registerSize(const std::string& size, int w, int h) {
                     });
             });
     }
-    reg("opencv_feather_r20", [=](benchmark::State& st, const std::string& name) {
-        // Edge pixels of the solid plane, a band of radius 20 around them, a 41 x 41 box
-        // average of the blue plane written back on the band.
-        Scene& s = scene(w, h);
-        cv::Mat world = mat(s.work), blue, solid, inner, edge, band, average;
-        const cv::Mat cross = cv::getStructuringElement(cv::MORPH_CROSS, cv::Size(3, 3));
-        const cv::Size k(2 * kFeatherRadius + 1, 2 * kFeatherRadius + 1);
-        const cv::Mat square = cv::getStructuringElement(cv::MORPH_RECT, k);
-        timed(
-            st, name, [&] { s.work.copyFrom(s.redMask); },
-            [&] {
-                cv::extractChannel(world, blue, 3);
-                cv::compare(blue, 32768, solid, cv::CMP_EQ);
-                cv::erode(solid, inner, cross, cv::Point(-1, -1), 1, cv::BORDER_REPLICATE);
-                cv::subtract(solid, inner, edge);
-                cv::dilate(edge, band, square, cv::Point(-1, -1), 1, cv::BORDER_CONSTANT, 0);
-                cv::boxFilter(blue, average, -1, k, cv::Point(-1, -1), true, cv::BORDER_REPLICATE);
-                average.copyTo(blue, band);
-                cv::insertChannel(blue, world, 3);
-            });
-    });
+    // Edge pixels of the solid plane, a band of radius 20 around them, a 41 x 41 box average
+    // of the blue plane written back on the band; with marks, also the band as a four-channel
+    // world (alpha and red 30000, blue the average; transparent black elsewhere), as the
+    // feather leaves its scratch world.
+    for (bool marks : {false, true}) {
+        reg(marks ? "opencv_feather_r20_marks" : "opencv_feather_r20", [=](benchmark::State& st,
+                                                                           const std::string&
+                                                                               name) {
+            Scene& s = scene(w, h);
+            cv::Mat world = mat(s.work), out = mat(s.scratch), blue, solid, inner, edge, band,
+                    average, markPlane, bandBlue;
+            const cv::Mat zero = cv::Mat::zeros(h, w, CV_16UC1);
+            const cv::Mat cross = cv::getStructuringElement(cv::MORPH_CROSS, cv::Size(3, 3));
+            const cv::Size k(2 * kFeatherRadius + 1, 2 * kFeatherRadius + 1);
+            const cv::Mat square = cv::getStructuringElement(cv::MORPH_RECT, k);
+            timed(
+                st, name, [&] { s.work.copyFrom(s.redMask); },
+                [&] {
+                    cv::extractChannel(world, blue, 3);
+                    cv::compare(blue, 32768, solid, cv::CMP_EQ);
+                    cv::erode(solid, inner, cross, cv::Point(-1, -1), 1, cv::BORDER_REPLICATE);
+                    cv::subtract(solid, inner, edge);
+                    cv::dilate(edge, band, square, cv::Point(-1, -1), 1, cv::BORDER_CONSTANT, 0);
+                    cv::boxFilter(blue, average, -1, k, cv::Point(-1, -1), true,
+                                  cv::BORDER_REPLICATE);
+                    average.copyTo(blue, band);
+                    cv::insertChannel(blue, world, 3);
+                    if (marks) {
+                        band.convertTo(markPlane, CV_16U, 30000.0 / 255.0);
+                        zero.copyTo(bandBlue);
+                        average.copyTo(bandBlue, band);
+                        cv::merge(std::vector<cv::Mat>{markPlane, markPlane, zero, bandBlue}, out);
+                    }
+                });
+        });
+    }
 #endif
 
     for (int level : {2, 3, 4}) {
@@ -452,6 +467,10 @@ registerSize(const std::string& size, int w, int h) {
             });
         // Clear, mark, average, write back: four sweeps as described.
         ratios(st, size, "feather_20", 4, "opencv_feather_r20");
+        if (means().count(size + "/opencv_feather_r20_marks")) {
+            st.counters["x_opencv_marks"] =
+                means()[size + "/feather_20"] / means()[size + "/opencv_feather_r20_marks"];
+        }
     });
     reg("feather_20_ring", [=](benchmark::State& st, const std::string& name) {
         // The feather as the render runs it: the scratch world only holds a ring of band rows.
