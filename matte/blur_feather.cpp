@@ -1,7 +1,6 @@
 #include "matte/blur_feather.h"
 
 #include <algorithm>
-#include <atomic>
 #include <bit>
 #include <climits>
 #include <cstdint>
@@ -10,16 +9,16 @@
 #if defined(__SSE2__)
 #include <emmintrin.h>
 #endif
-#if defined(__x86_64__) && defined(__GNUC__)
-#include <immintrin.h>
-// The noise blur is built a second time for AVX2, taken when the processor has it.
-#define QUORVANE_BLUR_WIDE 1
-#endif
 
 #include "AE_EffectCB.h"
 #include "image/pixels.h"
+#include "image/wide.h"
 #include "matte/feather_band.h"
 #include "matte/red_mask.h"
+
+#if defined(QUORVANE_WIDE)
+#include <immintrin.h>
+#endif
 
 namespace {
 
@@ -119,8 +118,7 @@ slideSums(int32_t* v, const A_u_short* plus, const A_u_short* minus, A_long i0, 
     }
 }
 
-#if defined(QUORVANE_BLUR_WIDE)
-#define QUORVANE_AVX2 __attribute__((target("avx2")))
+#if defined(QUORVANE_WIDE)
 
 // Eight 16-bit lanes widened to 32 bits.
 QUORVANE_AVX2 inline __m256i
@@ -249,7 +247,7 @@ struct BoxPass {
         // Plain locals and walking pointers: the stores cannot then be taken to change them.
         const int32_t* entering = sums + 4 * (x + radius - base);
         const int32_t* leaving = sums + 4 * (x - radius - 1 - base);
-#if defined(QUORVANE_BLUR_WIDE)
+#if defined(QUORVANE_WIDE)
         if constexpr (Wide) {
             const A_long count = std::max<A_long>(fullEnd - x + 1, 0) & ~A_long{3};
             int32_t lanes[4];
@@ -280,7 +278,7 @@ struct BoxPass {
     template <bool Wide>
     static void slideRun(int32_t* v, const A_u_short* plus, const A_u_short* minus, A_long i0,
                          A_long i1) {
-#if defined(QUORVANE_BLUR_WIDE)
+#if defined(QUORVANE_WIDE)
         if (Wide && plus != nullptr && minus != nullptr) {
             slideSumsWide(v, plus, minus, i0, i1);
             return;
@@ -441,19 +439,17 @@ struct BoxPass {
 // One box pass. On x86-64 with AVX2 (checked at run time) the pass is built a second time for
 // AVX2 (not FMA: the divider steps stay a separate multiply and add) with four pixels per
 // step; the math is integer sums and per-lane IEEE float steps, so both give the same bits.
-#if defined(QUORVANE_BLUR_WIDE)
+#if defined(QUORVANE_WIDE)
 __attribute__((target("avx2"), flatten)) void
 runBoxPassWide(const BoxPass& pass, ColumnSums& sums) {
     pass.run<true>(sums);
 }
 #endif
 
-std::atomic<bool> wideBlurAllowed{true};
-
 void
 runBoxPass(const BoxPass& pass, ColumnSums& sums) {
-#if defined(QUORVANE_BLUR_WIDE)
-    if (wideBlurAllowed.load(std::memory_order_relaxed) && __builtin_cpu_supports("avx2")) {
+#if defined(QUORVANE_WIDE)
+    if (wideLoopsAllowed()) {
         runBoxPassWide(pass, sums);
         return;
     }
@@ -490,11 +486,6 @@ passRadius(const GaussBoxes& boxes, int p) {
 }
 
 }  // namespace
-
-void
-allowWideNoiseBlur(bool allowed) {
-    wideBlurAllowed.store(allowed, std::memory_order_relaxed);
-}
 
 GaussBoxes
 boxesForGauss(PF_InData* in_data, float sigma, float n) {

@@ -84,11 +84,6 @@ void gaussOptimisedBlurCopyFromSegments(PF_InData* in_data, PF_LayerDef* source,
                                         DividerArray* dividers,
                                         const PF_LayerDef* original = nullptr);
 
-// Whether the noise blur may take its AVX2 build on processors that have AVX2 (the default).
-// Both builds give the same results; turning it off lets the portable build be checked
-// anywhere.
-void allowWideNoiseBlur(bool allowed);
-
 // Feather: re-averages a band of radius `radius` around the edge of the red mask's blue plane.
 // Reads    red-mask blue (as it was on entry; border pixels repeated), limits
 // Writes   scratch (cleared, then marks and averages); red-mask blue and alpha (32768) on the band

@@ -11,9 +11,14 @@
 #endif
 
 #include "image/pixels.h"
+#include "image/wide.h"
 #include "matte/blur_feather.h"
 #include "matte/markers.h"
 #include "matte/red_mask.h"
+
+#if defined(QUORVANE_WIDE)
+#include <immintrin.h>
+#endif
 
 namespace {
 
@@ -31,6 +36,118 @@ constexpr A_long kBlocks = kMaxColumns / kBlockColumns;
 constexpr A_long kChunk = 256;
 
 constexpr A_long kNever = INT32_MIN / 2;
+
+#if defined(QUORVANE_WIDE)
+// The wide steps of the band sweep (AVX2). Each returns how many of its items it did; the
+// caller does the rest with its portable steps.
+
+// Pixel q's four lanes shifted down by 48 bits: its blue, as a 64-bit lane (four pixels).
+QUORVANE_AVX2 inline __m256i
+bluesOf4(const PF_Pixel16* q) {
+    return _mm256_srli_epi64(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(q)), 48);
+}
+
+// takeRow's copy and target bits for pixels 0..n - 1, sixteen per step. The blues are
+// packed twice, which leaves pixel pairs in the order 0 2 4 6 1 3 5 7 by 32-bit units; one
+// permute puts them in order.
+QUORVANE_AVX2 A_long
+takeBluesWide(const PF_Pixel16* p, A_long n, A_u_short target, A_u_short* blue, uint64_t& word) {
+    const __m256i wanted = _mm256_set1_epi16(static_cast<short>(target));
+    const __m256i order = _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7);
+    A_long j = 0;
+    for (; j + 16 <= n; j += 16) {
+        const __m256i ab = _mm256_packus_epi32(bluesOf4(p + j), bluesOf4(p + j + 4));
+        const __m256i cd = _mm256_packus_epi32(bluesOf4(p + j + 8), bluesOf4(p + j + 12));
+        const __m256i blues = _mm256_permutevar8x32_epi32(_mm256_packus_epi32(ab, cd), order);
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(blue + j), blues);
+        const __m256i same = _mm256_cmpeq_epi16(blues, wanted);
+        // One byte per pixel: pixels 0..7 in bytes 0..7, pixels 8..15 in bytes 16..23.
+        const uint32_t m =
+            static_cast<uint32_t>(_mm256_movemask_epi8(_mm256_packs_epi16(same, same)));
+        word |= uint64_t{(m & 0xFF) | ((m >> 8) & 0xFF00)} << j;
+    }
+    return j;
+}
+
+// Eight 16-bit values widened to 32 bits.
+QUORVANE_AVX2 inline __m256i
+widened8(const A_u_short* q) {
+    return _mm256_cvtepu16_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(q)));
+}
+
+// addRows for columns[0..n - 1] from rows plus and minus (when given), sixteen per step.
+QUORVANE_AVX2 A_long
+addRowsWide(int32_t* columns, const A_u_short* plus, const A_u_short* minus, A_long n) {
+    A_long c = 0;
+    for (; c + 16 <= n; c += 16) {
+        __m256i* to = reinterpret_cast<__m256i*>(columns + c);
+        __m256i low = widened8(plus + c);
+        __m256i high = widened8(plus + c + 8);
+        if (minus != nullptr) {
+            low = _mm256_sub_epi32(low, widened8(minus + c));
+            high = _mm256_sub_epi32(high, widened8(minus + c + 8));
+        }
+        _mm256_storeu_si256(to, _mm256_add_epi32(_mm256_loadu_si256(to), low));
+        _mm256_storeu_si256(to + 1, _mm256_add_epi32(_mm256_loadu_si256(to + 1), high));
+    }
+    return c;
+}
+
+// runningTotals' totals[j + 1] for j = 0..count - 1, eight per step, carried on from and
+// back into `carry`.
+QUORVANE_AVX2 A_long
+runningTotalsWide(const int32_t* in, A_long count, uint32_t* totals, uint32_t& carry) {
+    const __m256i last = _mm256_set1_epi32(7);
+    const __m256i lowTotal = _mm256_set1_epi32(3);
+    __m256i run = _mm256_set1_epi32(static_cast<int>(carry));
+    A_long j = 0;
+    for (; j + 8 <= count; j += 8) {
+        __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(in + j));
+        v = _mm256_add_epi32(v, _mm256_slli_si256(v, 4));
+        v = _mm256_add_epi32(v, _mm256_slli_si256(v, 8));
+        // The upper half takes the lower half's total.
+        v = _mm256_add_epi32(v, _mm256_blend_epi32(_mm256_setzero_si256(),
+                                                   _mm256_permutevar8x32_epi32(v, lowTotal), 0xF0));
+        v = _mm256_add_epi32(v, run);
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(totals + j + 1), v);
+        run = _mm256_permutevar8x32_epi32(v, last);
+    }
+    carry = static_cast<uint32_t>(_mm256_cvtsi256_si32(run));
+    return j;
+}
+
+// Four means (32-bit lanes) into four pixels: blue the mean, alpha full, red and green kept.
+QUORVANE_AVX2 inline void
+placeMeans4(PF_Pixel16* to, __m128i means) {
+    const __m256i keep = _mm256_set1_epi64x(0x0000FFFFFFFF0000);
+    const __m256i alphaFull = _mm256_set1_epi64x(kFull);
+    __m256i* at = reinterpret_cast<__m256i*>(to);
+    const __m256i blue = _mm256_slli_epi64(_mm256_cvtepu32_epi64(means), 48);
+    _mm256_storeu_si256(at, _mm256_or_si256(_mm256_and_si256(_mm256_loadu_si256(at), keep),
+                                            _mm256_or_si256(blue, alphaFull)));
+}
+
+// storeMeans for pixels[0..n - 1] from the window sums totals[k + span] - totals[k] (modulo
+// 2^32), eight per step.
+QUORVANE_AVX2 A_long
+storeMeansWide(PF_Pixel16* pixels, const uint32_t* totals, A_long span, A_long n, float area) {
+    const __m256 divisor = _mm256_set1_ps(area);
+    const __m256i low16 = _mm256_set1_epi32(0xFFFF);
+    const __m256i full = _mm256_set1_epi32(kFull);
+    A_long k = 0;
+    for (; k + 8 <= n; k += 8) {
+        const __m256i sums = _mm256_sub_epi32(
+            _mm256_loadu_si256(reinterpret_cast<const __m256i*>(totals + k + span)),
+            _mm256_loadu_si256(reinterpret_cast<const __m256i*>(totals + k)));
+        const __m256i truncated = _mm256_and_si256(
+            _mm256_cvttps_epi32(_mm256_div_ps(_mm256_cvtepi32_ps(sums), divisor)), low16);
+        const __m256i means = _mm256_min_epi32(truncated, full);
+        placeMeans4(pixels + k, _mm256_castsi256_si128(means));
+        placeMeans4(pixels + k + 4, _mm256_extracti128_si256(means, 1));
+    }
+    return k;
+}
+#endif
 
 // The feather in one sweep down the frame, writing the red mask directly:
 // - Each row's blue plane is copied once, as it was on entry, into a compact blue row in the
@@ -60,7 +177,8 @@ struct BandFeather {
           ringRows(2 * radius_ + 2 + maxSlide_),
           maxSlide(maxSlide_),
           marks(marks_),
-          bitWords((width_ + 63) / 64) {}
+          bitWords((width_ + 63) / 64),
+          wide(wideLoopsAllowed()) {}
 
     PF_LayerDef* redMask;
     const FillLimitsArray* limits;
@@ -73,6 +191,7 @@ struct BandFeather {
     A_long maxSlide;  // longest gap over which column sums are slid rather than summed afresh
     bool marks;       // the scratch world ends holding the band marks
     A_long bitWords;  // 64-bit words of one row's band bits
+    bool wide;        // the AVX2 steps run
 
     // Per column, the last scanned row whose edge pixels reach it.
     A_long lastEdgeRow[kMaxColumns];
@@ -155,6 +274,11 @@ struct BandFeather {
             uint64_t word = 0;
             const A_long end = std::min(x + 64, width);
             A_long j = 0;
+#if defined(QUORVANE_WIDE)
+            if (wide) {
+                j = takeBluesWide(p + x, end - x, target, blue + x, word);
+            }
+#endif
 #if defined(__SSE2__)
             // Eight pixels per step: the blue lanes (the top 16 bits of each pixel) of four
             // pixel pairs are moved into place by shifts and masks, interleaved as
@@ -238,6 +362,12 @@ struct BandFeather {
     // Adds compact row `plus` minus row `minus` (when given) to columns c0..c1.
     void addRows(const A_u_short* plus, const A_u_short* minus, A_long c0, A_long c1) {
         A_long c = c0;
+#if defined(QUORVANE_WIDE)
+        if (wide) {
+            c += addRowsWide(columns + c0, plus + c0, minus != nullptr ? minus + c0 : nullptr,
+                             c1 - c0 + 1);
+        }
+#endif
 #if defined(__SSE2__)
         const __m128i zero = _mm_setzero_si128();
         for (; c + 8 <= c1 + 1; c += 8) {
@@ -309,11 +439,17 @@ struct BandFeather {
                 in = edgeColumns;
             }
             runningTotals(in, count);
-            int32_t sums[kChunk];
-            for (A_long k = 0; k < n; ++k) {
-                sums[k] = static_cast<int32_t>(totals[k + span] - totals[k]);
+            A_long k = 0;
+#if defined(QUORVANE_WIDE)
+            if (wide) {
+                k = storeMeansWide(out + x0, totals, span, n, area);
             }
-            storeMeans(out + x0, sums, n, area);
+#endif
+            int32_t sums[kChunk];
+            for (A_long i = k; i < n; ++i) {
+                sums[i - k] = static_cast<int32_t>(totals[i + span] - totals[i]);
+            }
+            storeMeans(out + x0 + k, sums, n - k, area);
         }
     }
 
@@ -322,8 +458,13 @@ struct BandFeather {
         totals[0] = 0;
         A_long j = 0;
         uint32_t carry = 0;
+#if defined(QUORVANE_WIDE)
+        if (wide) {
+            j = runningTotalsWide(in, count, totals, carry);
+        }
+#endif
 #if defined(__SSE2__)
-        __m128i run = _mm_setzero_si128();
+        __m128i run = _mm_set1_epi32(static_cast<int>(carry));
         for (; j + 4 <= count; j += 4) {
             __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + j));
             v = _mm_add_epi32(v, _mm_slli_si128(v, 4));

@@ -9,6 +9,7 @@
 #include <memory>
 
 #include "image/pixels.h"
+#include "image/wide.h"
 #include "tests/support/stage_limits.h"
 #include "tests/support/worlds.h"
 
@@ -213,7 +214,7 @@ TEST(NoiseBlur, matches_the_full_window_sums_at_every_level_size_and_segment_lay
                             {128, 6}, {129, 4}, {261, 9}, {4096, 5}, {4097, 4}, {4200, 7}};
     auto segments = std::make_unique<SegmentArray>();
     for (bool wide : {false, true}) {  // the portable build and, where there is AVX2, the wide
-        allowWideNoiseBlur(wide);
+        allowWideLoops(wide);
         uint32_t seed = 100;
         for (const auto& [w, h] : sizes) {
             for (int level = 0; level <= 9; ++level, ++seed) {
@@ -279,24 +280,30 @@ TEST(Feather, a_straight_edge_is_averaged_over_the_frozen_plane_and_rounded_down
     EXPECT_TRUE(SameWorld(before, side));
 }
 
-// Runs the plain and the fast feather on copies of the same worlds and compares both.
+// Runs the plain and the fast feather on copies of the same worlds and compares both, with
+// the fast one's portable loops and, where there is AVX2, its wide ones.
 void
 expectFeatherMatches(const OwnedWorld& start, int radius, bool black, const FillLimitsArray& limits,
                      const OwnedWorld& scratch) {
-    OwnedWorld expected = start, actual = start, expectedScratch = scratch, actualScratch = scratch;
+    OwnedWorld expected = start, expectedScratch = scratch;
     plainFeather(expected, radius, black, limits, expectedScratch);
-    feather(actual, radius, black, limits, actualScratch);
-    ASSERT_TRUE(SameWorld(expected, actual));
-    ASSERT_TRUE(SameWorld(expectedScratch, actualScratch));
-    ASSERT_TRUE(actual.paddingIntact() && actualScratch.paddingIntact());
-    // The render's variant, band rows in a ring of scratch rows: the same red mask.
-    OwnedWorld ringed = start, ring = scratch;
-    AnsiInData in;
-    FillLimitsArray copy = limits;
-    boxblur_RedmaskEdgeBlueScratchAsRing(in.get(), ringed, start.width(), start.height(),
-                                         start.height() - 1, radius, black, &copy, ring);
-    ASSERT_TRUE(SameWorld(expected, ringed)) << "scratch as a ring";
-    ASSERT_TRUE(ringed.paddingIntact() && ring.paddingIntact());
+    for (bool wide : {false, true}) {
+        allowWideLoops(wide);
+        SCOPED_TRACE(wide ? "wide" : "portable");
+        OwnedWorld actual = start, actualScratch = scratch;
+        feather(actual, radius, black, limits, actualScratch);
+        ASSERT_TRUE(SameWorld(expected, actual));
+        ASSERT_TRUE(SameWorld(expectedScratch, actualScratch));
+        ASSERT_TRUE(actual.paddingIntact() && actualScratch.paddingIntact());
+        // The render's variant, the scratch world only working memory: the same red mask.
+        OwnedWorld ringed = start, ring = scratch;
+        AnsiInData in;
+        FillLimitsArray copy = limits;
+        boxblur_RedmaskEdgeBlueScratchAsRing(in.get(), ringed, start.width(), start.height(),
+                                             start.height() - 1, radius, black, &copy, ring);
+        ASSERT_TRUE(SameWorld(expected, ringed)) << "scratch as working memory";
+        ASSERT_TRUE(ringed.paddingIntact() && ring.paddingIntact());
+    }
 }
 
 TEST(Feather, matches_the_plain_squares_and_sums_on_random_planes) {
