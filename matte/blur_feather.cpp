@@ -882,27 +882,7 @@ struct Feather {
         }
         slideClamped(at, left, i0 - 1, a, sums);
         // totals[j] = sum of columns i0 - r .. i0 - r + j - 1.
-        const int32_t* in = at + (i0 - radius);
-        const A_long n = i1 - i0 + 2 * radius + 1;
-        totals[0] = 0;
-        A_long j = 0;
-        uint32_t carry = 0;
-#if defined(__SSE2__)
-        __m128i run = _mm_setzero_si128();
-        for (; j + 4 <= n; j += 4) {
-            __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + j));
-            v = _mm_add_epi32(v, _mm_slli_si128(v, 4));
-            v = _mm_add_epi32(v, _mm_slli_si128(v, 8));
-            v = _mm_add_epi32(v, run);
-            _mm_storeu_si128(reinterpret_cast<__m128i*>(totals + j + 1), v);
-            run = _mm_shuffle_epi32(v, 0xFF);
-        }
-        carry = static_cast<uint32_t>(_mm_cvtsi128_si32(run));
-#endif
-        for (; j < n; ++j) {
-            carry += static_cast<uint32_t>(in[j]);
-            totals[j + 1] = carry;
-        }
+        runningTotals(at + (i0 - radius), i1 - i0 + 2 * radius + 1, totals, wideLoopsAllowed());
         const A_long span = 2 * radius + 1;
         for (A_long x = i0; x <= i1; ++x) {
             sums[x - a] = static_cast<int32_t>(totals[x - i0 + span] - totals[x - i0]);

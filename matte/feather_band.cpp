@@ -438,7 +438,7 @@ struct BandFeather {
                 }
                 in = edgeColumns;
             }
-            runningTotals(in, count);
+            runningTotals(in, count, totals, wide);
             A_long k = 0;
 #if defined(QUORVANE_WIDE)
             if (wide) {
@@ -450,34 +450,6 @@ struct BandFeather {
                 sums[i - k] = static_cast<int32_t>(totals[i + span] - totals[i]);
             }
             storeMeans(out + x0 + k, sums, n - k, area);
-        }
-    }
-
-    // totals[j] = in[0] + .. + in[j - 1] modulo 2^32, for j = 0..count.
-    void runningTotals(const int32_t* in, A_long count) {
-        totals[0] = 0;
-        A_long j = 0;
-        uint32_t carry = 0;
-#if defined(QUORVANE_WIDE)
-        if (wide) {
-            j = runningTotalsWide(in, count, totals, carry);
-        }
-#endif
-#if defined(__SSE2__)
-        __m128i run = _mm_set1_epi32(static_cast<int>(carry));
-        for (; j + 4 <= count; j += 4) {
-            __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + j));
-            v = _mm_add_epi32(v, _mm_slli_si128(v, 4));
-            v = _mm_add_epi32(v, _mm_slli_si128(v, 8));
-            v = _mm_add_epi32(v, run);
-            _mm_storeu_si128(reinterpret_cast<__m128i*>(totals + j + 1), v);
-            run = _mm_shuffle_epi32(v, 0xFF);
-        }
-        carry = static_cast<uint32_t>(_mm_cvtsi128_si32(run));
-#endif
-        for (; j < count; ++j) {
-            carry += static_cast<uint32_t>(in[j]);
-            totals[j + 1] = carry;
         }
     }
 
@@ -651,6 +623,36 @@ struct BandFeather {
 };
 
 }  // namespace
+
+void
+runningTotals(const int32_t* in, A_long count, uint32_t* totals, bool wide) {
+    totals[0] = 0;
+    A_long j = 0;
+    uint32_t carry = 0;
+#if defined(QUORVANE_WIDE)
+    if (wide) {
+        j = runningTotalsWide(in, count, totals, carry);
+    }
+#else
+    (void)wide;
+#endif
+#if defined(__SSE2__)
+    __m128i run = _mm_set1_epi32(static_cast<int>(carry));
+    for (; j + 4 <= count; j += 4) {
+        __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + j));
+        v = _mm_add_epi32(v, _mm_slli_si128(v, 4));
+        v = _mm_add_epi32(v, _mm_slli_si128(v, 8));
+        v = _mm_add_epi32(v, run);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(totals + j + 1), v);
+        run = _mm_shuffle_epi32(v, 0xFF);
+    }
+    carry = static_cast<uint32_t>(_mm_cvtsi128_si32(run));
+#endif
+    for (; j < count; ++j) {
+        carry += static_cast<uint32_t>(in[j]);
+        totals[j + 1] = carry;
+    }
+}
 
 bool
 featherNearBand(PF_LayerDef* redMask, int width, int height, int lastRow, int radius,

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstdint>
+
 #include "AEConfig.h"
 #include "AE_Effect.h"
 
@@ -13,3 +15,8 @@ struct FillLimitsArray;
 // world does not suit it.
 bool featherNearBand(PF_LayerDef* redMask, int width, int height, int lastRow, int radius,
                      bool blurBlack, FillLimitsArray* limits, PF_LayerDef* scratch, bool marks);
+
+// totals[j] = in[0] + .. + in[j - 1] modulo 2^32 for j = 0..count (count + 1 entries); wide:
+// with the AVX2 steps. Differences of such totals are exact window sums whenever the sums
+// themselves are below 2^31.
+void runningTotals(const int32_t* in, A_long count, uint32_t* totals, bool wide);

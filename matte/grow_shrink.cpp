@@ -115,48 +115,42 @@ extractRow(PF_Pixel16* px, A_long width, const BitRow& shape, Bits* spreads, Bit
                 _mm_packs_epi32(upperLanes(flags[4], flags[5]), upperLanes(flags[6], flags[7]));
             return Bits{static_cast<uint16_t>(_mm_movemask_epi8(_mm_packs_epi16(low, high)))};
         };
+        // Two pixels' flags (alpha filled first when asked).
+        auto pairFlags = [&](PF_Pixel16* at, __m128i& spreading, __m128i& finished) {
+            __m128i* to = reinterpret_cast<__m128i*>(at);
+            const __m128i v = _mm_loadu_si128(to);
+            if (fill) {
+                _mm_storeu_si128(to, _mm_or_si128(_mm_andnot_si128(alphaLanes, v), alphaFill));
+            }
+            const __m128i isZero = _mm_cmpeq_epi16(v, zero);
+            if constexpr (kGrow) {
+                const __m128i redZeroAtBlue = _mm_slli_epi64(isZero, 32);
+                spreading = _mm_andnot_si128(isZero, redZeroAtBlue);
+                finished = _mm_and_si128(_mm_cmpeq_epi16(v, full), redZeroAtBlue);
+            } else {
+                spreading = _mm_andnot_si128(isZero, blueLanes);
+            }
+        };
         for (; j + 16 <= n; j += 16) {
             __m128i spreading[8];
             __m128i finished[8];
             for (int k = 0; k < 8; ++k) {
-                __m128i* at = reinterpret_cast<__m128i*>(p + j + 2 * k);
-                const __m128i v = _mm_loadu_si128(at);
-                if (fill) {
-                    _mm_storeu_si128(at, _mm_or_si128(_mm_andnot_si128(alphaLanes, v), alphaFill));
-                }
-                const __m128i isZero = _mm_cmpeq_epi16(v, zero);
-                if constexpr (kGrow) {
-                    const __m128i redZeroAtBlue = _mm_slli_epi64(isZero, 32);
-                    spreading[k] = _mm_andnot_si128(isZero, redZeroAtBlue);
-                    finished[k] = _mm_and_si128(_mm_cmpeq_epi16(v, full), redZeroAtBlue);
-                } else {
-                    spreading[k] = _mm_andnot_si128(isZero, blueLanes);
-                }
+                pairFlags(p + j + 2 * k, spreading[k], finished[k]);
             }
             s |= signs(spreading) << j;
             if constexpr (kGrow) {
                 f |= signs(finished) << j;
             }
         }
-        // Two pixels per load for the rest; bytes 7 and 15 hold the blue lanes' high bytes.
+        // Two pixels per step for the rest; bytes 7 and 15 hold the blue lanes' high bytes.
         for (; j + 2 <= n; j += 2) {
-            __m128i* at = reinterpret_cast<__m128i*>(p + j);
-            const __m128i v = _mm_loadu_si128(at);
-            if (fill) {
-                _mm_storeu_si128(at, _mm_or_si128(_mm_andnot_si128(alphaLanes, v), alphaFill));
-            }
-            const __m128i isZero = _mm_cmpeq_epi16(v, zero);
-            if constexpr (kGrow) {
-                const __m128i redZeroAtBlue = _mm_slli_epi64(isZero, 32);
-                const int ms = _mm_movemask_epi8(_mm_andnot_si128(isZero, redZeroAtBlue));
-                const int mf =
-                    _mm_movemask_epi8(_mm_and_si128(_mm_cmpeq_epi16(v, full), redZeroAtBlue));
-                s |= Bits((ms >> 7) & 1) << j | Bits((ms >> 15) & 1) << (j + 1);
-                f |= Bits((mf >> 7) & 1) << j | Bits((mf >> 15) & 1) << (j + 1);
-            } else {
-                const int mz = ~_mm_movemask_epi8(isZero);
-                s |= Bits((mz >> 7) & 1) << j | Bits((mz >> 15) & 1) << (j + 1);
-            }
+            __m128i spreading;
+            __m128i finished = zero;
+            pairFlags(p + j, spreading, finished);
+            const int ms = _mm_movemask_epi8(spreading);
+            const int mf = _mm_movemask_epi8(finished);
+            s |= Bits((ms >> 7) & 1) << j | Bits((ms >> 15) & 1) << (j + 1);
+            f |= Bits((mf >> 7) & 1) << j | Bits((mf >> 15) & 1) << (j + 1);
         }
 #endif
         for (; j < n; ++j) {
