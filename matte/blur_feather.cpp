@@ -160,6 +160,18 @@ slideSumsWide(int32_t* v, const A_u_short* plus, const A_u_short* minus, A_long 
 // x - r - 1. The running sums of the four steps are formed off the dependency chain and
 // added to h together, so the chain is one add per four pixels. Each lane's mean takes the
 // same float steps as storeMeans.
+// Two pixels' means (lanes of p01 and p23: pixels 0 1 and 2 3) packed and stored into four
+// output pixels, their alphas taken from the source.
+QUORVANE_AVX2 inline void
+storeMeans4(PF_Pixel16* dst, const PF_Pixel16* src, __m256i p01, __m256i p23, __m256 divider) {
+    // Packing works within 128-bit halves (p0 p2 | p1 p3); the quadword order fixes it.
+    const __m256i packed = _mm256_permute4x64_epi64(
+        _mm256_packus_epi32(means8(p01, divider), means8(p23, divider)), 0xD8);
+    const __m256i source = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(src));
+    // Alpha (lanes 0 and 4 of each half) from the source.
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst), _mm256_blend_epi16(packed, source, 0x11));
+}
+
 QUORVANE_AVX2 void
 meansWide(int32_t* h, const int32_t* entering, const int32_t* leaving, const PF_Pixel16* src,
           PF_Pixel16* dst, A_long count, float k) {
@@ -177,15 +189,28 @@ meansWide(int32_t* h, const int32_t* entering, const int32_t* leaving, const PF_
         const __m256i p01 = _mm256_add_epi32(window, s01);
         const __m256i p23 = _mm256_add_epi32(window, s0123);
         window = _mm256_add_epi32(window, _mm256_permute2x128_si256(s0123, s0123, 0x11));
-        // Packing works within 128-bit halves (p0 p2 | p1 p3); the quadword order fixes it.
-        const __m256i packed = _mm256_permute4x64_epi64(
-            _mm256_packus_epi32(means8(p01, divider), means8(p23, divider)), 0xD8);
-        const __m256i source = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(src + i));
-        // Alpha (lanes 0 and 4 of each half) from the source.
-        _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst + i),
-                            _mm256_blend_epi16(packed, source, 0x11));
+        storeMeans4(dst + i, src + i, p01, p23, divider);
     }
     _mm_storeu_si128(reinterpret_cast<__m128i*>(h), _mm256_castsi256_si128(window));
+}
+
+// meansWide for radius 1, where a window is three columns: each pixel's window sum is added
+// up afresh (no dependency chain). `at` points at the lanes of column x - 1; h ends as the
+// last pixel's window sum, as meansWide leaves it.
+QUORVANE_AVX2 void
+meansWideRadius1(int32_t* h, const int32_t* at, const PF_Pixel16* src, PF_Pixel16* dst,
+                 A_long count, float k) {
+    const __m256 divider = _mm256_set1_ps(k);
+    __m256i p23 = _mm256_setzero_si256();
+    for (A_long i = 0; i < count; i += 4, at += 16) {
+        const __m256i p01 =
+            _mm256_add_epi32(_mm256_add_epi32(load8(at), load8(at + 4)), load8(at + 8));
+        p23 = _mm256_add_epi32(_mm256_add_epi32(load8(at + 8), load8(at + 12)), load8(at + 16));
+        storeMeans4(dst + i, src + i, p01, p23, divider);
+    }
+    if (count > 0) {
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(h), _mm256_extracti128_si256(p23, 1));
+    }
 }
 #endif
 
@@ -252,7 +277,11 @@ struct BoxPass {
             const A_long count = std::max<A_long>(fullEnd - x + 1, 0) & ~A_long{3};
             int32_t lanes[4];
             std::memcpy(lanes, &h, sizeof lanes);
-            meansWide(lanes, entering, leaving, src + x, dst + x, count, k);
+            if (radius == 1) {
+                meansWideRadius1(lanes, leaving + 4, src + x, dst + x, count, k);
+            } else {
+                meansWide(lanes, entering, leaving, src + x, dst + x, count, k);
+            }
             std::memcpy(&h, lanes, sizeof lanes);
             x += count, entering += 4 * count, leaving += 4 * count;
         }
