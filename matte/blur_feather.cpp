@@ -744,14 +744,7 @@ struct Feather {
         const A_long hi = right - first;
         A_long reachedUpTo = stripLeft - 1;  // strip columns already recorded for row s
         for (A_long i = lo / 64; i <= hi / 64; ++i) {
-            // Neighbours from the next bits; left..right never reach the range's ends.
-            const uint64_t l = (here[i] << 1) | (i > 0 ? here[i - 1] >> 63 : 0);
-            const uint64_t r = (here[i] >> 1) | (i + 1 < words ? here[i + 1] << 63 : 0);
-            const A_long from = std::max(lo, i * 64) - i * 64;
-            const A_long to = std::min(hi, i * 64 + 63) - i * 64;
-            const uint64_t span =
-                (to == 63 ? ~uint64_t{0} : (uint64_t{1} << (to + 1)) - 1) & (~uint64_t{0} << from);
-            for (uint64_t edges = here[i] & ~(l & r & up[i] & down[i]) & span; edges != 0;
+            for (uint64_t edges = edgeWord(up, here, down, i, words, lo, hi); edges != 0;
                  edges &= edges - 1) {
                 const A_long e = first + i * 64 + std::countr_zero(edges);
                 const A_long markFrom = std::max(e - radius, reachedUpTo + 1);

@@ -335,14 +335,7 @@ struct BandFeather {
         const A_long words = (width + 63) / 64;
         A_long reachedUpTo = -1;  // columns already recorded for row s
         for (A_long i = left / 64; i <= right / 64; ++i) {
-            // Neighbours from the next bits; left..right never reach the frame's sides.
-            const uint64_t l = (here[i] << 1) | (i > 0 ? here[i - 1] >> 63 : 0);
-            const uint64_t r = (here[i] >> 1) | (i + 1 < words ? here[i + 1] << 63 : 0);
-            const A_long from = std::max(left, i * 64) - i * 64;
-            const A_long to = std::min(right, i * 64 + 63) - i * 64;
-            const uint64_t span =
-                (to == 63 ? ~uint64_t{0} : (uint64_t{1} << (to + 1)) - 1) & (~uint64_t{0} << from);
-            for (uint64_t edges = here[i] & ~(l & r & up[i] & down[i]) & span; edges != 0;
+            for (uint64_t edges = edgeWord(up, here, down, i, words, left, right); edges != 0;
                  edges &= edges - 1) {
                 const A_long e = i * 64 + std::countr_zero(edges);
                 const A_long markFrom = std::max(e - radius, reachedUpTo + 1);

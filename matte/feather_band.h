@@ -20,3 +20,18 @@ bool featherNearBand(PF_LayerDef* redMask, int width, int height, int lastRow, i
 // with the AVX2 steps. Differences of such totals are exact window sums whenever the sums
 // themselves are below 2^31.
 void runningTotals(const int32_t* in, A_long count, uint32_t* totals, bool wide);
+
+// Word i of a row's edge bits, from its target bits (`words` words) and those of the rows
+// above and below: set where a pixel is the target and not all four edge-neighbours are,
+// kept to bit positions lo..hi (which never reach the row's first or last bit).
+inline uint64_t
+edgeWord(const uint64_t* up, const uint64_t* here, const uint64_t* down, A_long i, A_long words,
+         A_long lo, A_long hi) {
+    const uint64_t l = (here[i] << 1) | (i > 0 ? here[i - 1] >> 63 : 0);
+    const uint64_t r = (here[i] >> 1) | (i + 1 < words ? here[i + 1] << 63 : 0);
+    const A_long from = (lo > i * 64 ? lo : i * 64) - i * 64;
+    const A_long to = (hi < i * 64 + 63 ? hi : i * 64 + 63) - i * 64;
+    const uint64_t span =
+        (to == 63 ? ~uint64_t{0} : (uint64_t{1} << (to + 1)) - 1) & (~uint64_t{0} << from);
+    return here[i] & ~(l & r & up[i] & down[i]) & span;
+}
